@@ -1,0 +1,18 @@
+# keld_install_library(TARGET DESCRIPTION HEADERS...): the library, its public headers under include/keld by their path
+# from the root, and a pkg-config file.
+function(keld_install_library target description)
+    install(TARGETS ${target} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    foreach(header IN LISTS ARGN)
+        cmake_path(GET header PARENT_PATH folder)
+        install(FILES ${CMAKE_SOURCE_DIR}/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/keld/${folder})
+    endforeach()
+    get_target_property(requires ${target} KELD_REQUIRES)
+    if(NOT requires)
+        set(requires "")
+    endif()
+    set(KELD_PC_NAME ${target})
+    set(KELD_PC_DESCRIPTION ${description})
+    set(KELD_PC_REQUIRES ${requires})
+    configure_file(${CMAKE_SOURCE_DIR}/cmake/library.pc.in ${CMAKE_BINARY_DIR}/lib/pkgconfig/${target}.pc @ONLY)
+    install(FILES ${CMAKE_BINARY_DIR}/lib/pkgconfig/${target}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()

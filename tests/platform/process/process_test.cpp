@@ -1,0 +1,123 @@
+// Process: paths below the root, and the pid file over the life of a daemon.
+#include "platform/process/process.h"
+
+#include <gtest/gtest.h>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+static const char PID_FILE[] = "/var/run/keld.pid";
+
+/* A fresh folder as root for each case. */
+class process : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        char folder[] = "/tmp/keld-process-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        root = folder;
+        setenv("KELD_ROOT", folder, 1);
+    }
+    void TearDown() override
+    {
+        unsetenv("KELD_ROOT");
+        std::filesystem::remove_all(root);
+    }
+    std::string root;
+};
+
+TEST_F(process, paths_below_the_root)
+{
+    std::string start = std::filesystem::current_path();
+    char buffer[PLATFORM_PATH_MAX];
+    (void)platform_path(buffer, sizeof buffer, "/");   // the start folder is remembered from here on
+    ASSERT_EQ(chdir("/"), 0);
+
+    static const struct {
+        const char *root, *result;
+    } rows[] = { { nullptr, "/etc/x" }, { "", "/etc/x" }, { "/r", "/r/etc/x" }, { "r/s", "START/r/s/etc/x" } };
+    for (const auto &row : rows) {
+        row.root ? setenv("KELD_ROOT", row.root, 1) : unsetenv("KELD_ROOT");
+        std::string expected = row.result;
+        if (expected.starts_with("START")) expected.replace(0, 5, start);
+        EXPECT_EQ(platform_path(buffer, sizeof buffer, "/etc/x"), buffer);
+        EXPECT_EQ(buffer, expected);
+        EXPECT_NE(platform_path(buffer, expected.size() + 1, "/etc/x"), nullptr);
+        EXPECT_EQ(platform_path(buffer, expected.size(), "/etc/x"), nullptr);
+        EXPECT_EQ(errno, ENAMETOOLONG);
+    }
+    ASSERT_EQ(chdir(start.c_str()), 0);
+}
+
+TEST_F(process, descriptors_survive_detaching_but_not_exec)
+{
+    int saved = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    int fd = platform_open("/a/b/file", O_RDWR | O_CREAT, 0600);
+    EXPECT_GT(fd, STDERR_FILENO);
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_LT(fcntl(STDIN_FILENO, F_GETFD), 0);
+    dup2(saved, STDIN_FILENO);
+    close(saved);
+    close(fd);
+
+    EXPECT_LT(platform_open("/absent/file", O_RDONLY, 0), 0);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_FALSE(std::filesystem::exists(root + "/absent"));   // reading makes no folders
+}
+
+TEST_F(process, pid_file_over_the_life_of_a_daemon)
+{
+    EXPECT_EQ(pid_read(PID_FILE), 0);
+    int fd = pid_lock(PID_FILE);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(pid_update(fd), 0);
+    EXPECT_LT(pid_lock(PID_FILE), 0);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(pid_read(PID_FILE), getpid());   // whoever was refused has not emptied the file
+
+    // Detaching: the process that took the lock goes, its child keeps it.
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        char octet;
+        close(gate[1]);
+        _exit(read(gate[0], &octet, 1) == 0 ? 0 : 1);
+    }
+    close(gate[0]);
+    close(fd);
+    EXPECT_EQ(pid_read(PID_FILE), getpid());
+    close(gate[1]);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(pid_read(PID_FILE), 0);
+
+    // The next daemon: nothing is left of a former one's longer number.
+    std::ofstream(root + PID_FILE) << "123456789012\n";
+    fd = pid_lock(PID_FILE);
+    EXPECT_EQ(pid_read(PID_FILE), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(pid_update(fd), 0);
+    std::ifstream file(root + PID_FILE);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), std::to_string(getpid()) + "\n");
+    close(fd);
+}
+
+TEST_F(process, version_starts_with_name_and_release)
+{
+    testing::internal::CaptureStdout();
+    show_daemon_version(nullptr, 1, 0);
+    show_daemon_version("keld", 2, 1);
+    std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(text.starts_with("process_test " KELD_RELEASE "\nkeld " KELD_RELEASE "\n  compiler: ")) << text;
+    EXPECT_NE(text.find("OpenSSL"), text.npos) << text;
+}

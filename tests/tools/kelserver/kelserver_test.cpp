@@ -1,0 +1,185 @@
+/*
+ * kelserver, with the peer in the router's place: what it prints, what it sends, what it makes of commands.
+ */
+#include "tests/support/peer.h"
+#include "tests/support/router.h"
+
+#include <gtest/gtest.h>
+
+#define MIME "Content-Type: application/beep+xml\r\n\r\n"
+#define NOTIFICATION_URI KELD_URI_BASE "/beep/tkel-notification/1.0"
+#define SCRIPT_URI KELD_URI_BASE "/beep/TARNESCRIPT"
+
+/* The router's part up to a confirmed notification channel 1. */
+static void attach(struct peer &peer, const std::string &port, const std::string &keepalive = "45")
+{
+    ASSERT_TRUE(peer_connect(peer, port));
+    peer_frame(peer, "RPY", 0, 0, MIME "<greeting></greeting>");
+    peer_expect(peer, "<greeting>\n<profile uri='" NOTIFICATION_URI "' /><profile uri='" SCRIPT_URI "' /></greeting>");
+    peer_frame(peer, "MSG", 0, 1,
+               MIME "<start number='1'>\n<profile uri='" NOTIFICATION_URI "' ><![CDATA[<hostname>r1</hostname>"
+                    "<os>TARNE</os><release>1\x9b[2J</release>]]></profile></start>");
+    peer_expect(peer, "RPY 0 1 . ");
+    peer_expect(peer, "<![CDATA[<keepalive>" + keepalive + "</keepalive>]]></profile>END\r\n");
+}
+
+TEST(kelserver, prints_and_answers_what_a_router_sends)
+{
+    struct router router;
+    struct peer peer;
+    struct kelserver server = kelserver_start(router, { "--keepalive", "30" });
+    attach(peer, server.port, "30");
+    EXPECT_TRUE(printed(server.process, "#1 greeting seen\n"));
+    // What a router sends must not steer the terminal.
+    EXPECT_TRUE(
+        printed(server.process, "opened: notification, hostname r1, os TARNE, release 1?[2J; told keepalive 30 s\n"));
+
+    static const struct {
+        const char *message, *line;
+    } rows[] = {
+        { MIME "<keepalive/>", "channel 1: keepalive\n" },
+        { MIME "<notification whatishappening=\"added\">\n<interface><name>ge-0/0/0.0</name></interface>\n"
+               "<interface><name>lo0.16</name></interface>\n</notification>",
+          "channel 1: notification: added ge-0/0/0.0 lo0.16\n" },
+        { "<notification>", "channel 1: notification: <notification>\n" },
+        { "\a\r\n?", "channel 1: unknown message: ?  ?\n" },
+        { "", "channel 1: unknown message: \n" },
+    };
+    unsigned msgno = 0;
+    for (const auto &row : rows) {
+        peer_frame(peer, "MSG", 1, msgno, row.message);
+        peer_expect(peer, "RPY 1 " + std::to_string(msgno++) + " . 0 0\r\nEND\r\n");
+        EXPECT_TRUE(printed(server.process, row.line));
+    }
+    peer_frame(peer, "MSG", 1, msgno, MIME "<close-connection/>");
+    peer_expect(peer, "RPY 1 5 . 0 0\r\nEND\r\n");
+    EXPECT_TRUE(peer_expect_end(peer));
+    EXPECT_TRUE(printed(server.process, "session ended: the router asked for it\n"));
+}
+
+TEST(kelserver, commands_reach_the_router)
+{
+    struct router router;
+    struct peer peer;
+    struct kelserver server = kelserver_start(router);
+    router_write(router, "/call.xml", "<rpc><get-software-information/></rpc>");
+    std::string rpc = "rpc " + router.root + "/call.xml";
+    attach(peer, server.port);
+
+    type_line(server.process, rpc);   // refused first, as by a router that does not serve the profile
+    peer_expect(peer, "MSG 0 1 . ");
+    peer_expect(peer, "<start number='2'>\n<profile uri='" SCRIPT_URI "' /></start>END\r\n");
+    peer_frame(peer, "ERR", 0, 1, MIME "<error code='521' />");
+    EXPECT_TRUE(printed(server.process, "the router refused the management script channel: [521] no text\n"));
+
+    type_line(server.process, rpc);
+    peer_expect(peer, "MSG 0 2 . ");
+    peer_expect(peer, "<start number='2'>\n");
+    peer_frame(peer, "RPY", 0, 2, MIME "<profile uri='" SCRIPT_URI "' />");
+    peer_expect(peer, "MSG 2 0 . 0 76\r\n" MIME "<rpc><get-software-information/></rpc>END\r\n");
+    peer_frame(peer, "RPY", 2, 0, MIME "<rpc-reply>\n</rpc-reply>\n");
+    EXPECT_TRUE(printed(server.process, "channel 2: reply, 63 octets, the last\n  | <rpc-reply>\n  | </rpc-reply>\n"));
+
+    type_line(server.process, "close 2");
+    peer_expect(peer, "<close number='2' code='200' />END\r\n");
+    peer_frame(peer, "RPY", 0, 3, "<ok/>");
+    EXPECT_TRUE(printed(server.process, "channel 2: the router closed it\n"));
+    type_line(server.process, rpc);
+    EXPECT_TRUE(printed(server.process, "rpc: no channel can be opened any more after a close"));
+
+    type_line(server.process, "redirect 192.0.2.1 4000");
+    peer_expect(peer, MIME "<redirect><address>192.0.2.1</address><port>4000</port></redirect>END\r\n");
+    peer_frame(peer, "RPY", 1, 0, "");
+    EXPECT_TRUE(peer_expect_end(peer));
+    EXPECT_TRUE(printed(server.process, "session ended: the router has its redirect\n"));
+}
+
+TEST(kelserver, closing_the_session_waits_for_the_routers_word)
+{
+    struct router router;
+    struct peer peer;
+    struct kelserver server = kelserver_start(router);
+    attach(peer, server.port);
+    type_line(server.process, "close 0");
+    peer_expect(peer, "<close number='0' code='200' />END\r\n");
+    peer_frame(peer, "RPY", 0, 1, "<ok/>");
+    EXPECT_TRUE(peer_expect_end(peer));
+    EXPECT_TRUE(printed(server.process, "session ended: closed from here\n"));
+}
+
+TEST(kelserver, bad_commands_get_one_line_and_change_nothing)
+{
+    static const struct {
+        const char *line, *answer;
+    } rows[] = {
+        { "frobnicate", "no such command: 'frobnicate'; there are rpc, redirect, close, quit, help\n" },
+        { "redirect 192.0.2.1", "usage: redirect ADDRESS PORT\n" },
+        { "redirect 192.0.2.999 1", "redirect: ADDRESS is not an IPv4 address" },
+        { "redirect 192.0.2.1 0", "redirect: PORT is not a number from 1 to 65535\n" },
+        { "close 65536", "close: CHANNEL is not a number from 0 to 65535\n" },
+        { "close 9", "close: there is no such channel" },
+        { "rpc /nonexistent", "rpc: the file cannot be read\n" },
+    };
+    struct router router;
+    struct peer peer;
+    struct kelserver server = kelserver_start(router);
+    type_line(server.process, "close 1");
+    EXPECT_TRUE(printed(server.process, "close: no router is connected\n"));
+    attach(peer, server.port);
+    for (const auto &row : rows) {
+        type_line(server.process, row.line);
+        EXPECT_TRUE(printed(server.process, row.answer)) << row.line;
+    }
+    type_line(server.process, std::string(5000, 'x'));
+    EXPECT_TRUE(printed(server.process, "a command of more than 4096 octets was skipped\n"));
+    type_line(server.process, "quit");
+    EXPECT_EQ(router_stop(router, server.process, 0), 0);
+    EXPECT_TRUE(peer_expect_end(peer));
+}
+
+TEST(kelserver, serves_several_routers_and_steers_the_last)
+{
+    struct router router;
+    struct peer first, second;
+    struct kelserver server = kelserver_start(router);
+    attach(first, server.port);
+    attach(second, server.port);
+    EXPECT_TRUE(printed(server.process, "#2 channel 1 opened"));
+    type_line(server.process, "redirect 192.0.2.1 4000");
+    peer_expect(second, "<redirect>");
+    peer_frame(first, "MSG", 1, 0, MIME "<keepalive/>");
+    peer_expect(first, "RPY 1 0 . 0 0\r\nEND\r\n");
+    EXPECT_TRUE(printed(server.process, "#1 channel 1: keepalive\n"));
+    peer_hang_up(first);
+    EXPECT_TRUE(printed(server.process, "#1 session ended: the router closed the connection\n"));
+}
+
+TEST(kelserver, end_of_input_stops_nothing_and_bad_options_do)
+{
+    struct router router;
+    struct peer peer;
+    struct kelserver server = kelserver_start(router);
+    close(server.process.input);
+    EXPECT_TRUE(printed(server.process, "standard input ended; serving goes on\n"));
+    attach(peer, server.port);
+    server.process.input = -1;
+    for (struct process &process : router.started) process.input = -1;
+    EXPECT_EQ(router_stop(router, server.process), 0);
+
+    static const struct {
+        std::vector<std::string> options;
+        int status;
+        const char *prints;
+    } rows[] = {
+        { { "--port", "70000" }, 64, "--port wants 0 to 65535: '70000'" },
+        { { "--address", "here" }, 64, "--address wants an IPv4 address" },
+        { { "--tls", "/nonexistent.pem" }, 1, "/nonexistent.pem: error:" },
+        { { "stray" }, 64, "no such argument: 'stray'" },
+        { { "--help" }, 0, "usage: kelserver" },
+    };
+    for (const auto &row : rows) {
+        std::string output;
+        EXPECT_EQ(router_run(router, "kelserver", row.options, &output), row.status);
+        EXPECT_NE(output.find(row.prints), std::string::npos) << output;
+    }
+}

@@ -1,0 +1,66 @@
+/*
+ * keldctl: the operator's tool.
+ *
+ * A command is a row: its word, how many arguments it takes, and its function. Whatever does not fit a row gets one line
+ * that names the word and points to the help.
+ */
+#include "tools/keldctl/keldctl.h"
+
+#include "platform/process/process.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+static constexpr char help_text[] =
+    "usage: keldctl check [FILE]   check FILE, or the candidate or committed configuration\n"
+    "       keldctl commit FILE    check FILE and put it in force\n"
+    "       keldctl version        print the release\n"
+    "       keldctl --help         print this\n";
+
+int keldctl_fail(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    (void)fputs("keldctl: ", stderr);
+    (void)vfprintf(stderr, format, args);
+    (void)fputc('\n', stderr);
+    va_end(args);
+    return 1;
+}
+
+static int print_version(const char *)
+{
+    show_daemon_version("keldctl", 1, 0);
+    return 0;
+}
+
+static int print_help(const char *)
+{
+    return fputs(help_text, stdout) < 0;
+}
+
+static constexpr struct command {
+    const char *cm_word;
+    int cm_min, cm_max;   // arguments behind the word
+    int (*cm_run)(const char *argument);   // argument is null if there is none
+} commands[] = {
+    { "check", 0, 1, keldctl_check },
+    { "commit", 1, 1, keldctl_commit },
+    { "version", 0, 0, print_version },
+    { "--help", 0, 0, print_help },
+};
+
+int main(int argc, char **argv)
+{
+    if (argc < 2) return keldctl_fail("no command, try keldctl --help");
+    int arguments = argc - 2;
+    for (const struct command &command : commands) {
+        if (strcmp(command.cm_word, argv[1]) != 0) continue;
+        if (arguments < command.cm_min) return keldctl_fail("%s needs a FILE, try keldctl --help", argv[1]);
+        if (arguments > command.cm_max)
+            return keldctl_fail("%s does not take '%s', try keldctl --help", argv[1], argv[2 + command.cm_max]);
+        return command.cm_run(arguments > 0 ? argv[2] : nullptr);
+    }
+    return keldctl_fail("unknown command '%s', try keldctl --help", argv[1]);
+}
