@@ -98,14 +98,6 @@ void ddl_access_attribute_error(struct ddl_object *object, const struct ddl_attr
     va_end(args);
 }
 
-/* Reports that a name or value breaks the rule of its characters. */
-static void report_unsafe(const struct ddl_object *object)
-{
-    char reason[CONF_REASON_MAX];
-    conf_value_reason(object->do_row, object->do_text, reason, sizeof reason);
-    ddl_access_config_error(const_cast<struct ddl_object *>(object), "%s", reason);
-}
-
 int ddl_access_config_had_errors(void)
 {
     return db.errors;
@@ -171,7 +163,9 @@ bool ddl_access_visit_container(struct ddl_object *object, struct ddl_object **c
     ddl_access_release(*cursor);
     for (; next; next = next->do_next) {
         if (conf_name_is_safe(next->do_row, next->do_text)) break;
-        report_unsafe(next);
+        char reason[CONF_REASON_MAX];
+        conf_value_reason(next->do_row, next->do_text, reason, sizeof reason);
+        ddl_access_config_error(next, "%s", reason);
     }
     *cursor = hand_out(next);
     return next != nullptr;
@@ -229,11 +223,7 @@ bool ddl_access_attribute_by_name(struct ddl_object *object, const char *name, s
 int ddl_access_attribute_string(char *buffer, size_t size, const struct ddl_attribute *attr)
 {
     if (size > 0) buffer[0] = '\0';
-    if (!attr->da_text) return -1;
-    if (!conf_text_is_safe(attr->da_text)) {
-        report_unsafe(attr->da_object);
-        return -1;
-    }
+    if (!attr->da_text || !conf_text_is_safe(attr->da_text)) return -1;
     (void)snprintf_safe(buffer, size, "%s", attr->da_text);
     return static_cast<int>(strlen(attr->da_text));
 }

@@ -67,7 +67,7 @@ void ddl_access_release(struct ddl_object *object);
 bool ddl_access_attribute_by_aid(struct ddl_object *object, int attribute, struct ddl_attribute *attr);
 bool ddl_access_attribute_by_name(struct ddl_object *object, const char *name, struct ddl_attribute *attr);
 /* Length of the string, which may be size or more (the text is cut to size - 1). Negative if attr holds none, or if the
- * text has control characters, which is reported; the buffer then holds the empty string. */
+ * text has control characters; the buffer then holds the empty string. */
 int ddl_access_attribute_string(char *buffer, size_t size, const struct ddl_attribute *attr);
 /* True on success: the value is of the kind and within the schema's limits. The target is left alone otherwise, and
  * nothing reported. An address is in network order; a uint may also be an enumerator, which gives its number. */

@@ -197,11 +197,11 @@ static constexpr struct value_kind {
     const char *vk_unit;       // of cr_min and cr_max, which the message then names too; null if it has no limits
 } value_kinds[] = {
     { CONF_NONE, nullptr, "nothing", nullptr },
-    { CONF_TEXT, text_is_good, "text without control characters", " octets" },
-    { CONF_FILE_SUFFIX, file_suffix_is_good, "letters, digits and : . _ -", " octets" },
-    { CONF_PLAIN_NAME, plain_name_is_good, "letters, digits and / : . _ -", " octets" },
+    { CONF_TEXT, text_is_good, "text without control characters,", " octets" },
+    { CONF_FILE_SUFFIX, file_suffix_is_good, "letters, digits and : . _ -,", " octets" },
+    { CONF_PLAIN_NAME, plain_name_is_good, "letters, digits and / : . _ -,", " octets" },
     { CONF_IPV4, ipv4_is_good, "an IPv4 address", nullptr },
-    { CONF_NUMBER, number_is_good, "a number", "" },
+    { CONF_NUMBER, number_is_good, "a number from", "" },
     { CONF_WORD, word_is_good, "one of", nullptr },
     { CONF_PREFIX4, prefix4_is_good, "an IPv4 address with its prefix length", nullptr },
     { CONF_PREFIX6, prefix6_is_good, "an IPv6 address with its prefix length", nullptr },
@@ -236,8 +236,9 @@ void conf_quote(string_view text, char *out, size_t size)
     static constexpr size_t shown_max = 40;
     size_t at = snprintf_safe(out, size, "'");
     for (char c : text.substr(0, shown_max)) {
-        at += is_control(c) ? snprintf_safe(out + at, size - at, "\\x%02x", static_cast<unsigned>(c))
-                            : snprintf_safe(out + at, size - at, "%c", c);
+        bool shows = c >= ' ' && c < del_octet;   // any other might play tricks on a terminal
+        at += shows ? snprintf_safe(out + at, size - at, "%c", c)
+                    : snprintf_safe(out + at, size - at, "\\x%02x", static_cast<unsigned char>(c));
     }
     (void)snprintf_safe(out + at, size - at, "%s'", text.size() > shown_max ? "..." : "");
 }
@@ -258,7 +259,7 @@ void conf_value_reason(const struct conf_row *row, const char *text, char *out, 
     conf_quote(text, found, sizeof found);
     size_t at = snprintf_safe(out, size, "found %s, expected %s", found, kind->vk_expected);
     if (kind->vk_unit)
-        at += snprintf_safe(out + at, size - at, ", %u to %u%s", row->cr_min, row->cr_max, kind->vk_unit);
+        at += snprintf_safe(out + at, size - at, " %u to %u%s", row->cr_min, row->cr_max, kind->vk_unit);
     const char *separator = " ";
     for (const struct conf_word *word = row->cr_words; word && word->cw_text; word++, separator = ", ")
         at += snprintf_safe(out + at, size - at, "%s%s", separator, word->cw_text);

@@ -106,5 +106,5 @@ bool conf_value_number(const struct conf_row *row, const char *text, uint32_t *n
 void conf_value_reason(const struct conf_row *row, const char *text, char *out, size_t size);
 /* "one of A, B, }" for what may stand below parent. */
 void conf_expected_keywords(const struct conf_row *parent, char *out, size_t size);
-/* 'TEXT' for people: cut to some 40 octets, control characters as \xNN. */
+/* 'TEXT' for people: cut to some 40 octets, what is not printable ASCII as \xNN. */
 void conf_quote(std::string_view text, char *out, size_t size);

@@ -136,6 +136,7 @@ static void read_cert_name(struct ddl_object *stanza, struct keld_config_data *c
     if (!ddl_access_attribute_by_aid(stanza, LOCAL_CERTIFICATE, &attr)) return;
     char name[cert_name_size];
     int length = ddl_access_attribute_string(name, sizeof name, &attr);
+    if (length < 0) ddl_access_attribute_error(stanza, &attr, "certificate name left out");
     // Kept on purpose: a name of exactly 1024 octets loses its last one without a report.
     if (length > cert_name_size)
         ddl_access_attribute_error(stanza, &attr, "certificate name ridiculously long, truncated to %d bytes",

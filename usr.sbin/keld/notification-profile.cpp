@@ -1,13 +1,13 @@
 /*
  * Notification profile: a thin layer over the engine, which does the work.
  *
- * State is one channel number and one pending redirect, for the process. The number is set when the start request has been
- * queued, so texts sent before the confirmation fail in the engine, for want of a channel. Nothing clears it when a session
- * ends: it is stale then, and harmless, since the engine knows no such channel in a session that has ended or is just
- * beginning; the next greeting overwrites it.
+ * State is one channel number and one pending redirect, for the process. The number is set when the start request has
+ * been queued, so texts sent before the confirmation fail in the engine, for want of a channel. Nothing clears it when
+ * a session ends: it is stale then, and harmless, since the engine knows no such channel in a session that has ended or
+ * is just beginning; the next greeting overwrites it.
  *
- * Every message heard moves last_rcvd_time, answers to our own notifications included, and every MSG is answered with an
- * empty reply, whatever it holds. A redirect takes effect at the next choice of a server: the server that sent it is
+ * Every message heard moves last_rcvd_time, answers to our own notifications included, and every MSG is answered with
+ * an empty reply, whatever it holds. A redirect takes effect at the next choice of a server: the server that sent it is
  * expected to end the session. A confirmation clears a redirect that is still pending.
  *
  * What the server sends is scanned, not parsed. Numbers are read as the 32-bit C library did: white space, a sign, and
@@ -37,10 +37,10 @@ enum {
 static const char keepalive_tag[] = "<keepalive>";
 static const char port_tag[] = "<port>";
 
-// Kept on purpose: the brackets of the fourth group do not make <port> optional. They are a set of characters, so that a
-// redirect without <port> does not match and is ignored without a word.
-static const char redirect_pattern[] = "(<redirect>[ \t\n]*<address>)([0-9.]+)(</address>[ \t\n]*)([<port>[0-9]+</port>]?)"
-                                       "([ \t\n]*</redirect>)";
+// Kept on purpose: the brackets of the fourth group do not make <port> optional. They are a set of characters, so that
+// a redirect without <port> does not match and is ignored without a word.
+static const char redirect_pattern[] = "(<redirect>[ \t\n]*<address>)([0-9.]+)(</address>[ \t\n]*)"
+                                       "([<port>[0-9]+</port>]?)([ \t\n]*</redirect>)";
 enum { MATCH_ADDRESS = 2, MATCH_PORT = 4, MATCH_END = 5, MATCHES };
 
 static uint16_t tkel_channel;     // 0: none
@@ -62,7 +62,7 @@ static uint16_t redirect_port;    // host order
 /* The text of a piggyback: up to its first zero octet, or all of the block. data may be null. */
 static std::string_view piggyback_text(const char *data, int32_t length)
 {
-    if (!data || length <= 0) return {};
+    if (!data || length <= 0) return "";
     return { data, strnlen(data, static_cast<size_t>(length)) };
 }
 
@@ -110,8 +110,8 @@ static void tkel_greeting(struct beep_session *session)
     tkel_channel = tkel_start(session);
 }
 
-/* The interval in seconds that the server's confirmation asks for: a third of what it states, so that two keepalives may be
- * lost before it gives us up. */
+/* The interval in seconds that the server's confirmation asks for: a third of what it states, so that two keepalives
+ * may be lost before it gives us up. */
 static int32_t confirmed_keepalive(std::string_view text)
 {
     size_t tag_at = text.find(keepalive_tag);

@@ -2,8 +2,8 @@
  * Notification profile: the channel on which the daemon talks to the service-deployment server.
  *
  * It is opened from here as soon as a session is ready, with the router's identity in the start request. The server's
- * confirmation gives the keepalive interval. Notification texts and keepalives go out on it; redirects to another server
- * come in. There is one such channel in the process, and one pending redirect at most.
+ * confirmation gives the keepalive interval. Notification texts and keepalives go out on it; redirects to another
+ * server come in. There is one such channel in the process, and one pending redirect at most.
  */
 #pragma once
 
@@ -30,8 +30,8 @@ void tkel_pro_init(struct beep_profile *row);
 uint16_t tkel_start(struct beep_session *session);
 /* Sends text as one message. 0; -1 if the channel is not there (yet, or any more) or cannot take it. Copies text. */
 [[nodiscard]] int tkel_log(struct beep_session *session, const char *text);
-/* If a redirect is pending: stores its target in ks_addr and ks_port of *server, forgets it, and gives server. Otherwise
- * null, and *server is left alone. */
+/* If a redirect is pending: stores its target in ks_addr and ks_port of *server, forgets it, and gives server.
+ * Otherwise null, and *server is left alone. */
 struct keld_server *redirect_get_and_reset(struct keld_server *server);
 
 }   // extern "C"

@@ -1,5 +1,6 @@
 /*
- * The server's confirmation of the notification channel: any block gives a channel and an interval that is never negative.
+ * The server's confirmation of the notification channel: any block gives a channel and an interval that is never
+ * negative.
  */
 #include "usr.sbin/keld/notification-profile.h"
 

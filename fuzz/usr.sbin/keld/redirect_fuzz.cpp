@@ -1,6 +1,6 @@
 /*
- * A message on the notification channel: whatever the server sends, a redirect is either taken or not, and a pending one is
- * used once.
+ * A message on the notification channel: whatever the server sends, a redirect is either taken or not, and a pending
+ * one is used once.
  */
 #include "usr.sbin/keld/notification-profile.h"
 

@@ -11,6 +11,11 @@
 
 static const char job_tag = 0;
 
+static void say_events(evContext, void *uap, int, int events)
+{
+    *static_cast<std::string *>(uap) += std::to_string(events);
+}
+
 TEST_F(loop, a_new_writer_is_called_without_asking_the_kernel)
 {
     int left, right;
@@ -66,7 +71,6 @@ TEST_F(loop, an_exchange_costs_one_wait)
         char octet;
         EXPECT_EQ(recv(right, &octet, 1, MSG_DONTWAIT), exchanges > 0 ? 1 : -1);
         if (exchanges == 2) counted = {};
-        errno = EBADF;
         return ++exchanges < 100 && send(right, "x", 1, 0) == 1;
     };
     EXPECT_EQ(evMainLoop(ctx), -1);
@@ -91,9 +95,8 @@ TEST_F(loop, a_second_registration_of_a_kind_leaves_the_first)
     EXPECT_EQ(evDeselectFD(ctx, writer), 0);
     EXPECT_EQ(evDeselectFD(ctx, writer), -1);
 
-    auto func = [](evContext, void *uap, int, int events) { *static_cast<std::string *>(uap) += std::to_string(events); };
     evFileID both = nullptr;
-    ASSERT_EQ(evSelectFD(ctx, left, EV_READ | EV_WRITE, func, &log, &both), 0);
+    ASSERT_EQ(evSelectFD(ctx, left, EV_READ | EV_WRITE, say_events, &log, &both), 0);
     EXPECT_EQ(turn(2), "233");
     EXPECT_EQ(evDeselectFD(ctx, both), 0);
     EXPECT_EQ(turn(2), "");
@@ -153,11 +156,10 @@ TEST_F(loop, a_hangup_reaches_whoever_is_registered)
     static const struct { int events; const char *said; } rows[] = {
         { EV_READ, "1" }, { EV_WRITE, "2" }, { EV_READ | EV_WRITE, "3" },
     };
-    auto func = [](evContext, void *uap, int, int events) { *static_cast<std::string *>(uap) = std::to_string(events); };
     for (const auto &row : rows) {
         auto ends = stream();
         evFileID id = nullptr;
-        ASSERT_EQ(evSelectFD(ctx, ends.first, row.events, func, &log, &id), 0);
+        ASSERT_EQ(evSelectFD(ctx, ends.first, row.events, say_events, &log, &id), 0);
         while (send(ends.first, "full", 4, MSG_DONTWAIT) > 0) continue;
         turn();
         close(ends.second);
@@ -193,13 +195,15 @@ TEST_F(loop, out_of_memory_leaves_everything_usable)
     std::tie(left, right) = stream();
     descriptors.push_back(unconnected);
     struct sockaddr_un nowhere = { AF_UNIX, "/nowhere/at/all" };
-    auto connected = [](evContext, void *uap, int, const void *, int, const void *, int) { call_wait(nullptr, uap, nullptr); };
+    auto connected = [](evContext, void *uap, int, const void *, int, const void *, int) {
+        (*static_cast<job *>(uap))();
+    };
     std::function<int(void **)> calls[] = {
-        [&](void **id) { return evSetTimer(ctx, call_timer, saying("timer"), time_at(0), time_at(0), (evTimerID *)id); },
+        [&](void **id) { return evSetTimer(ctx, call_timer, saying("timer"), {}, {}, (evTimerID *)id); },
         [&](void **id) { return evSelectFD(ctx, left, EV_WRITE, call_file, saying("write"), (evFileID *)id); },
         [&](void **id) { return evWaitFor(ctx, &job_tag, call_wait, saying("wait"), (evWaitID *)id); },
         [&](void **id) {
-            return evConnect(ctx, unconnected, &nowhere, sizeof(struct sockaddr_un), connected, saying("connect"), (evConnID *)id);
+            return evConnect(ctx, unconnected, &nowhere, sizeof nowhere, connected, saying("connect"), (evConnID *)id);
         },
         [&](void **id) { return evCreate((evContext *)id); },
     };

@@ -1,9 +1,5 @@
 #include "tests/platform/ev/loop_fixture.h"
 
-#include <errno.h>
-#include <fcntl.h>
-#include <stdarg.h>
-#include <stdlib.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -17,6 +13,13 @@ std::function<bool(int)> on_wait;
 
 extern "C" {
 
+int __real_epoll_wait(int, struct epoll_event *, int, int), __wrap_epoll_wait(int, struct epoll_event *, int, int);
+int __real_epoll_ctl(int, int, int, struct epoll_event *), __wrap_epoll_ctl(int, int, int, struct epoll_event *);
+int __real_fcntl(int, int, ...), __wrap_fcntl(int, int, int);
+void *__real_malloc(size_t), *__wrap_malloc(size_t);
+void *__real_calloc(size_t, size_t), *__wrap_calloc(size_t, size_t);
+void *__real_realloc(void *, size_t), *__wrap_realloc(void *, size_t);
+
 int clock_gettime(clockid_t clock, struct timespec *out)
 {
     if (clock != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, clock, out));
@@ -24,33 +27,22 @@ int clock_gettime(clockid_t clock, struct timespec *out)
     return 0;
 }
 
-int __real_epoll_wait(int set, struct epoll_event *events, int count, int timeout_ms);
-int __wrap_epoll_wait(int set, struct epoll_event *events, int count, int timeout_ms);
 int __wrap_epoll_wait(int set, struct epoll_event *events, int count, int timeout_ms)
 {
     counted.waits++;
     counted.last_timeout_ms = timeout_ms;
     if (on_wait && !on_wait(timeout_ms)) return -1;
-    counted.last_events = __real_epoll_wait(set, events, count, on_wait ? 0 : timeout_ms);
-    return counted.last_events;
+    return counted.last_events = __real_epoll_wait(set, events, count, on_wait ? 0 : timeout_ms);
 }
 
-int __real_epoll_ctl(int set, int operation, int fd, struct epoll_event *event);
-int __wrap_epoll_ctl(int set, int operation, int fd, struct epoll_event *event);
 int __wrap_epoll_ctl(int set, int operation, int fd, struct epoll_event *event)
 {
     counted.controls++;
     return __real_epoll_ctl(set, operation, fd, event);
 }
 
-int __real_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, ...);
-int __wrap_fcntl(int fd, int command, ...)
+int __wrap_fcntl(int fd, int command, int value)
 {
-    va_list values;
-    va_start(values, command);
-    int value = va_arg(values, int);
-    va_end(values);
     counted.fcntls++;
     return __real_fcntl(fd, command, value);
 }
@@ -61,26 +53,15 @@ static bool allocation_fails()
     return allocation_to_fail > 0 && --allocation_to_fail == 0;
 }
 
-void *__real_malloc(size_t octets);
-void *__real_calloc(size_t count, size_t octets);
-void *__real_realloc(void *old, size_t octets);
-void *__wrap_malloc(size_t octets);
-void *__wrap_calloc(size_t count, size_t octets);
-void *__wrap_realloc(void *old, size_t octets);
 void *__wrap_malloc(size_t octets)               { return allocation_fails() ? nullptr : __real_malloc(octets); }
 void *__wrap_calloc(size_t count, size_t octets) { return allocation_fails() ? nullptr : __real_calloc(count, octets); }
 void *__wrap_realloc(void *old, size_t octets)   { return allocation_fails() ? nullptr : __real_realloc(old, octets); }
 
 }   // extern "C"
 
-static void run(void *uap)
-{
-    (*static_cast<job *>(uap))();
-}
-
-void call_timer(evContext, void *uap, struct ev_timespec, struct ev_timespec) { run(uap); }
-void call_wait(evContext, void *uap, const void *)                            { run(uap); }
-void call_file(evContext, void *uap, int, int)                                { run(uap); }
+void call_timer(evContext, void *uap, struct ev_timespec, struct ev_timespec) { (*static_cast<job *>(uap))(); }
+void call_wait(evContext, void *uap, const void *)                            { (*static_cast<job *>(uap))(); }
+void call_file(evContext, void *uap, int, int)                                { (*static_cast<job *>(uap))(); }
 
 struct ev_timespec time_at(int64_t ms)
 {
@@ -94,12 +75,15 @@ void loop::SetUp()
     on_wait = nullptr;
     allocation_to_fail = 0;
     ASSERT_EQ(evCreate(&ctx), 0);
+    debug_out = fopen("/dev/null", "w");
+    evSetDebug(ctx, 2, debug_out);
 }
 
 void loop::TearDown()
 {
     on_wait = nullptr;
     EXPECT_EQ(evDestroy(ctx), 0);
+    fclose(debug_out);
     for (int fd : descriptors) close(fd);
 }
 

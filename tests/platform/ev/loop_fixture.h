@@ -1,12 +1,13 @@
 /*
- * A loop under test: the clock stands unless the test moves it, the loop's system calls and allocations are counted, and
- * callbacks are lambdas that say a word each into one log.
+ * A loop under test: the clock stands unless the test moves it, the loop's system calls and allocations are counted,
+ * and callbacks are lambdas that say a word each into one log.
  */
 #pragma once
 
 #include <functional>
 #include <gtest/gtest.h>
 #include <list>
+#include <stdio.h>
 #include <string>
 #include <tuple>
 #include "platform/ev/ev.h"
@@ -18,8 +19,8 @@ struct counters {
 extern struct counters counted;
 extern int64_t now_ns;                           // what the loop's clock shows
 extern int allocation_to_fail;                   // 1 fails the next one; 0 none
-extern std::function<bool(int timeout_ms)> on_wait;   // runs before an epoll_wait
-//   that does not sleep, or that fails with its errno if it says false
+/* Runs before every epoll_wait, which then does not sleep, or fails with the errno at hand if this says false. */
+extern std::function<bool(int timeout_ms)> on_wait;
 
 static constexpr int64_t MS = 1000000;
 
@@ -42,6 +43,7 @@ protected:
     std::pair<int, int> stream();
 
     evContext ctx = nullptr;
+    FILE *debug_out = nullptr;
     std::string log;
     std::list<job> jobs;
     std::list<int> descriptors;

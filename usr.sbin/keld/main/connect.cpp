@@ -2,16 +2,16 @@
  * Connection: from no connection to a running BEEP session.
  *
  * An attempt is a chain of two callbacks. retry_cb takes the next server, makes the socket and hands it to the event
- * library; connect_cb gets it back connected, adds TLS where the server's entry asks for it, and gives it to the engine.
- * From there on the greeting and the channels are the engine's and the profiles' work.
+ * library; connect_cb gets it back connected, adds TLS where the server's entry asks for it, and gives it to the
+ * engine. From there on the greeting and the channels are the engine's and the profiles' work.
  *
- * Servers are tried in the order of the configuration, one step of the ring for each attempt, round and round, whether the
- * last attempt worked or not: a session that ended moves on as well. A redirect is followed only to a server that is
- * configured, and is used up either way.
+ * Servers are tried in the order of the configuration, one step of the ring for each attempt, round and round, whether
+ * the last attempt worked or not: a session that ended moves on as well. A redirect is followed only to a server that
+ * is configured, and is used up either way.
  *
- * What is retried and what stalls (see keld.h) follows from who can put it right. A refused connection, or a refusal of the
- * event library to connect, is tried again in 60 seconds. A socket that cannot be made or bound, TLS, a keepalive timer or
- * a session that cannot be made wait for a reload.
+ * What is retried and what stalls (see keld.h) follows from who can put it right. A refused connection, or a refusal of
+ * the event library to connect, is tried again in 60 seconds. A socket that cannot be made or bound, TLS, a keepalive
+ * timer or a session that cannot be made wait for a reload.
  */
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"

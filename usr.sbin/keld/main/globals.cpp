@@ -1,9 +1,9 @@
 /*
  * Globals: the state of the daemon core in one place, each with its value at process start.
  *
- * They are plain variables because there is one connection, one loop and one thread; keld.h tells which of them are set in
- * which phase. The trace state, keld_dtf_options, is the engine's. Nothing here runs before main: every initialiser is a constant, and a table that has to be filled (the
- * profiles) is filled on each connection.
+ * They are plain variables because there is one connection, one loop and one thread; keld.h tells which of them are set
+ * in which phase. The trace state, keld_dtf_options, is the engine's. Nothing here runs before main: every initialiser
+ * is a constant, and a table that has to be filled (the profiles) is filled on each connection.
  */
 #include "usr.sbin/keld/main/keld.h"
 

@@ -1,18 +1,20 @@
 /*
- * Keepalive: one repeating timer that sends keepalives, decides when a silent server is a dead one, and is the only place
- * where a session is freed and the next attempt armed.
+ * Keepalive: one repeating timer that sends keepalives, decides when a silent server is a dead one, and is the only
+ * place where a session is freed and the next attempt armed.
  *
- * Three things end a session, and all end it here: the transport or the peer (the engine tears down, session_close_cb has
- * the timer fire at once, which finds the status 'E'), silence for more than three intervals, and a status 'E' that an
- * ordinary tick meets. The engine's close callback frees nothing because it runs on the engine's stack.
+ * Three things end a session, and all end it here: the transport or the peer (the engine tears down, session_close_cb
+ * has the timer fire at once, which finds the status 'E'), silence for more than three intervals, and a status 'E' that
+ * an ordinary tick meets. The engine's close callback frees nothing because it runs on the engine's stack.
  *
  * True whenever the loop runs:
- *   - the timer is armed while there is a session. It may be armed without one (a stalled attempt) and then does nothing;
+ *   - the timer is armed while there is a session. It may be armed without one (a stalled attempt) and then does
+ *     nothing;
  *   - a tick sends one text at most: a close that is owed goes in place of the keepalive;
  *   - whether to reconnect is judged when the session is cleaned up, on the servers configured then.
  *
- * A server that asks for one or two seconds gives the interval 0, and a timer with interval 0 is a one-shot. A spent timer
- * is armed again a second ahead, so that such a session is watched by the second instead of never or without pause.
+ * A server that asks for one or two seconds gives the interval 0, and a timer with interval 0 is a one-shot. A spent
+ * timer is armed again a second ahead, so that such a session is watched by the second instead of never or without
+ * pause.
  */
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"

@@ -10,8 +10,8 @@
  *   stalled        keld_sp null, at most keld_keepalive_id set          left by a reload that starts anew
  *
  * The stalled phase is no accident: a refused connection is retried for ever, but what an operator has to put right (no
- * sockets, a source address that cannot be bound, certificates) is tried once and reported. Times are what time() gives,
- * in seconds; 0 means that it has not happened in this session.
+ * sockets, a source address that cannot be bound, certificates) is tried once and reported. Times are what time()
+ * gives, in seconds; 0 means that it has not happened in this session.
  */
 #pragma once
 
@@ -70,8 +70,9 @@ extern struct beep_profile keld_profiles[KELD_PROFILES];   // row 0: the notific
 
 /* The record with server's address in config's ring, or null; also if server is null or the ring empty. */
 struct keld_server *find_server(const struct keld_server *server, const struct keld_config_data *config);
-/* Puts the server to try next into *server, which holds the one tried last: a redirect's target if it is configured, and
- * otherwise the next of the ring. Uses up a pending redirect. 1, or 0 with *server as it was if no server is configured. */
+/* Puts the server to try next into *server, which holds the one tried last: a redirect's target if it is configured,
+ * and otherwise the next of the ring. Uses up a pending redirect. 1, or 0 with *server as it was if no server is
+ * configured. */
 int choose_server(struct keld_server *server);
 
 /* Arms retry_cb, in place of a retry that is already armed. A failure is logged and leaves nothing armed. */

@@ -2,12 +2,12 @@
  * Process entry: options, becoming a daemon, the event context, signals, the first configuration, and the loop.
  *
  * The order of the start is deliberate. Logging comes first, so that even the options can be reported. The pid file is
- * locked before the process leaves the foreground, so that a second instance fails where its caller sees it, and written
- * afterwards, so that it holds the daemon's pid. The reload job waits before the configuration is read, so that no SIGHUP
- * is lost between the two.
+ * locked before the process leaves the foreground, so that a second instance fails where its caller sees it, and
+ * written afterwards, so that it holds the daemon's pid. The reload job waits before the configuration is read, so that
+ * no SIGHUP is lost between the two.
  *
- * SIGHUP is turned into an event. SIGTERM ends the process from its handler. The pid file stays: its lock, not the file,
- * tells whether a daemon runs.
+ * SIGHUP is turned into an event. SIGTERM ends the process from its handler. The pid file stays: its lock, not the
+ * file, tells whether a daemon runs.
  */
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"

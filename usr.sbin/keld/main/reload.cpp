@@ -1,13 +1,13 @@
 /*
  * Reload: applies the committed configuration to the running daemon, at SIGHUP.
  *
- * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is all or
- * nothing: unless the reader says 0 nothing changes, also when the stanza was removed, which is not the same as removing
- * all servers. A good configuration is moved in, and takes effect with the next connection; the running session is
- * touched only if its server's address has left the ring.
+ * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is all
+ * or nothing: unless the reader says 0 nothing changes, also when the stanza was removed, which is not the same as
+ * removing all servers. A good configuration is moved in, and takes effect with the next connection; the running
+ * session is touched only if its server's address has left the ring.
  *
- * Closing is a request. The server is asked to end the session, and keepalive_cb cleans up once it has done so, or has been
- * silent for too long.
+ * Closing is a request. The server is asked to end the session, and keepalive_cb cleans up once it has done so, or has
+ * been silent for too long.
  */
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"

@@ -2,8 +2,8 @@
  * Event tags: what the daemon tells an operator, one row for each event.
  *
  * A row holds everything about an event but its values: the severity, the format that begins with the tag, and the
- * attribute names, one for each conversion of the format. keld_event<KELD_X>(values...) logs it. The compiler checks that
- * the number of values fits the row, and their types against the format.
+ * attribute names, one for each conversion of the format. keld_event<KELD_X>(values...) logs it. The compiler checks
+ * that the number of values fits the row, and their types against the format.
  */
 #pragma once
 

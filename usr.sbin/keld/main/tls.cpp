@@ -1,12 +1,13 @@
 /*
  * TLS: the handshake on a fresh server connection, and the one rule by which a server's certificate is accepted.
  *
- * The rule is OpenSSL's own verdict with one exception: a certificate that is its own issuer passes if the server's entry
- * says self-certificate. It is the only thing forgiven: a self-signed certificate that has expired is refused for the
- * expiry. No name or address is compared with the certificate, as the entry's address is all that is known of a server.
+ * The rule is OpenSSL's own verdict with one exception: a certificate that is its own issuer passes if the server's
+ * entry says self-certificate. It is the only thing forgiven: a self-signed certificate that has expired is refused for
+ * the expiry. No name or address is compared with the certificate, as the entry's address is all that is known of a
+ * server.
  *
- * The method negotiates. TLSv1 is the floor and TLS 1.3 the ceiling, and what the machine's OpenSSL policy forbids stays
- * forbidden: the context's own limits are only ever tightened here.
+ * The method negotiates. TLSv1 is the floor and TLS 1.3 the ceiling, and what the machine's OpenSSL policy forbids
+ * stays forbidden: the context's own limits are only ever tightened here.
  *
  * The handshake runs on a blocking socket inside connect_cb and holds up the loop for as long as the server takes. Any
  * failure ends the attempt with KELD_PRIVATIZE_FAIL and is not retried, as trying again cures no certificate.
@@ -110,8 +111,8 @@ static SSL_CTX *tls_context_new(void)
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
 
-    // Kept on purpose: the option "ssl3" is read like "tls" and then has no method, so that each attempt ends here and no
-    // SSLv3 connection is ever made.
+    // Kept on purpose: the option "ssl3" is read like "tls" and then has no method, so that each attempt ends here and
+    // no SSLv3 connection is ever made.
     bool wants_tls = (current_server.ks_security & KELD_SECURITY_TRANSPORT) == KELD_SECURITY_TLS;
     SSL_CTX *context = SSL_CTX_new(wants_tls ? TLS_client_method() : nullptr);
     if (!context) return nullptr;
@@ -151,8 +152,8 @@ static const char *tls_fault(void)
     BIO *bio = BIO_new_socket(keld_fd, BIO_NOCLOSE);   // out of memory: SSL_connect then fails for want of a BIO
     SSL_set_bio(keld_ssl, bio, bio);
     SSL_CTX_set_info_callback(keld_ssl_ctx, ssl_info_cb);
-    // Kept on purpose: 0, a handshake that the server ended in good order, passes for success. The engine's first read or
-    // write finds out, and the session then ends like any other.
+    // Kept on purpose: 0, a handshake that the server ended in good order, passes for success. The engine's first read
+    // or write finds out, and the session then ends like any other.
     if (SSL_connect(keld_ssl) < 0) return "SSL_connect";
     return nullptr;
 }

@@ -93,9 +93,9 @@ void core::SetUp()
     setenv("KELD_ROOT", root.c_str(), 1);
     logging_register_logfunc(catch_line);
     logging_set_mode(LOGGING_MODE_DAEMON);
-    lines.clear();
     ASSERT_EQ(evCreate(&keld_evctx), 0);
-    sighup_job(keld_evctx, nullptr, nullptr);   // waits from here on
+    sighup_job(keld_evctx, nullptr, nullptr);   // finds nothing to read, and waits from here on
+    lines.clear();
     peer_listen(server);
 }
 

@@ -23,7 +23,8 @@ protected:
     void TearDown() override;
     void restart();   // between the rows of a table
 
-    /* Commits a stanza with the servers, "ADDRESS { ... } ..."; with none, a stanza without. PORT stands for the peer's. */
+    /* Commits a stanza with the servers, "ADDRESS { ... } ..."; with none, a stanza without. PORT stands for the
+     * peer's. */
     void configure(std::string servers, const std::string &more = "");
     /* Configures, reads and arms the first attempt, as start-up does; runs it. */
     void start(const std::string &servers, const std::string &more = "");

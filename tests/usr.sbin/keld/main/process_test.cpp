@@ -4,6 +4,8 @@
 #include "tests/support/peer.h"
 #include "tests/support/router.h"
 
+#include "platform/process/process.h"
+
 #include <gtest/gtest.h>
 
 TEST(process, options_by_rows)
@@ -25,8 +27,8 @@ TEST(process, options_by_rows)
         router_configure(router, row.stanza);
         std::string output;
         EXPECT_EQ(router_run(router, "keld", row.options, &output), row.status) << row.options[0] << row.stanza;
-        EXPECT_EQ(output.substr(0, output.find(row.output)), row.status == 1 ? output.substr(0, output.find("keld.conf")) : "")
-            << output;
+        EXPECT_NE(output.find(row.output), std::string::npos) << output;
+        EXPECT_TRUE(row.status == 1 || output == row.output) << output;
         EXPECT_EQ(file_read(router.root + "/var/run/keld.pid"), "") << "no instance was started";
     }
     router router;
@@ -71,7 +73,9 @@ TEST(process, goes_to_the_background_also_with_d)
     router_configure(router, "");
     EXPECT_EQ(router_run(router, "keld", { "-d" }), 0);
     ASSERT_TRUE(within_s(LIMIT_S, [&] { return written_pid(router) != 0; }));
-    pid_t daemon = written_pid(router);
-    EXPECT_EQ(kill(daemon, SIGTERM), 0);
-    EXPECT_TRUE(within_s(LIMIT_S, [&] { return kill(daemon, 0) != 0; }));
+    setenv("KELD_ROOT", router.root.c_str(), 1);
+    EXPECT_EQ(pid_read("/var/run/keld.pid"), written_pid(router));
+    EXPECT_EQ(kill(written_pid(router), SIGTERM), 0);
+    EXPECT_TRUE(within_s(LIMIT_S, [] { return pid_read("/var/run/keld.pid") == 0; }));
+    unsetenv("KELD_ROOT");
 }

@@ -1,6 +1,6 @@
 /*
- * A session's life: servers in turn, the conversation on the wire, keepalives, silence, the end and the next attempt; and
- * what may fail before there is one.
+ * A session's life: servers in turn, the conversation on the wire, keepalives, silence, the end and the next attempt;
+ * and what may fail before there is one.
  */
 #include "tests/usr.sbin/keld/main/core_fixture.h"
 #include "usr.sbin/keld/main/tls.h"
@@ -39,7 +39,8 @@ TEST_F(session, a_redirect_is_followed_to_a_configured_server_with_its_security)
     unsigned msgno = 0;
     struct keld_server chosen = current_server;
     for (const auto &row : rows) {
-        answer("MSG", 1, msgno, std::string("<redirect><address>") + row.target + "</address><port>4000</port></redirect>");
+        std::string target = std::string("<address>") + row.target + "</address>";
+        answer("MSG", 1, msgno, "<redirect>" + target + "<port>4000</port></redirect>");
         EXPECT_EQ(heard("RPY 1 " + std::to_string(msgno++) + " . 0 0\r\nEND"), 1u) << "the empty reply";
         ASSERT_EQ(choose_server(&chosen), 1);
         EXPECT_EQ(chosen.ks_addr, inet_addr(row.chosen)) << row.target;
@@ -140,7 +141,8 @@ TEST_F(session, failures_are_retried_or_stall)
         SCOPED_TRACE(row.event);
         restart();
         failing = row.failing;
-        start(std::string("127.0.0.1 { PORT; security-options { ") + row.security + " } }", "source-address 127.0.0.1;");
+        std::string options = std::string("security-options { ") + row.security + " }";
+        start("127.0.0.1 { PORT; " + options + " }", "source-address 127.0.0.1;");
         EXPECT_EQ(logged(row.event), 1u);
         EXPECT_EQ(keld_retry_id != nullptr, row.retried);
         EXPECT_EQ(keld_keepalive_id != nullptr, row.keepalive_armed);
@@ -180,7 +182,8 @@ TEST_F(session, only_a_self_signed_certificate_is_ever_forgiven)
     };
     X509_STORE_CTX *store = X509_STORE_CTX_new();
     for (const auto &row : rows) {
-        std::string line = std::string("3 KELD_PRIVATIZE_FAIL: certificate verification failed: ") + (row.text ? row.text : "");
+        std::string line = "3 KELD_PRIVATIZE_FAIL: certificate verification failed: ";
+        if (row.text) line += row.text;
         size_t before = logged(line);
         current_server.ks_security = row.security;
         X509_STORE_CTX_set_error(store, row.error);

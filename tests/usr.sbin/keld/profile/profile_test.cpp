@@ -1,6 +1,7 @@
 /*
- * The notification profile's two readers by rows: the keepalive interval of a confirmation and the redirect in a message.
- * The profile is driven through its row, as the engine does it; what it does on the wire is in main/session_test.cpp.
+ * The notification profile's two readers by rows: the keepalive interval of a confirmation and the redirect in a
+ * message. The profile is driven through its row, as the engine does it; what it does on the wire is in
+ * main/session_test.cpp.
  */
 #include "usr.sbin/keld/notification-profile.h"
 

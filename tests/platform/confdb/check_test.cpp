@@ -1,0 +1,109 @@
+// Whole texts, good and bad: one row each, with the message that an operator gets.
+#include "platform/confdb/confdb.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+using std::string;
+
+static string fault_of(const string &text)
+{
+    char error[DDL_ACCESS_ERROR_MAX] = "";
+    int result = ddl_access_check_text("/some/where/c", text.data(), text.size(), error, sizeof error);
+    EXPECT_EQ(result, error[0] == '\0' ? 0 : -1);
+    return error;
+}
+
+static string client(const string &inside)
+{
+    return "system { services { outbound-ssh { client c { " + inside + " } } } }";
+}
+
+static string deployment(const string &inside)
+{
+    return "system { services { service-deployment { " + inside + " } } }";
+}
+
+TEST(confdb_check, syntax)
+{
+    const struct { string text, fault; } rows[] = {
+        { "", "" },
+        { "# only a comment", "" },
+        { "system{}security{}interfaces{}chassis{}", "" },
+        { "system { services { } } system { }\r\n", "" },
+        { "chassis{routing-engine backup;# at a word's end\ncluster/* and here */;}", "" },
+        { "systm { }", "c:1:1: found 'systm', expected one of system, security, interfaces, chassis, end of file" },
+        { "\"system\" { }",
+          "c:1:1: found 'system', expected one of system, security, interfaces, chassis, end of file" },
+        { "system {\n\tservices", "c:2:10: found end of file, expected {" },
+        { "system {\n  services { }\n", "c:3:1: found end of file, expected one of services, }" },
+        { "system { } }", "c:1:12: found '}', expected one of system, security, interfaces, chassis, end of file" },
+        { "chassis { cluster }", "c:1:19: found '}', expected ;" },
+        { "chassis { capabilities; }", "c:1:23: found ';', expected a value" },
+        { "chassis { capabilities 1 2; }", "c:1:26: found '2', expected ;" },
+        { "interfaces;", "c:1:11: found ';', expected a name or {" },
+        { "interfaces { { } }", "c:1:14: found '{', expected a name or }" },
+        { "interfaces { a b }", "c:1:16: found 'b', expected { or ;" },
+        { "interfaces { a { unit 0 { family { inet { address { 10.0.0.1/8 { x; } } } } } } }",
+          "c:1:66: found 'x', expected }" },
+        { "interfaces a {\n  description \"no end\n;}",
+          "c:2:15: found a string without its end, expected \" on the same line" },
+        { "interfaces a { description \"ends in \\\"",
+          "c:1:28: found a string without its end, expected \" on the same line" },
+        { "system { /* {", "c:1:10: found a comment without its end, expected */" },
+        { "system\x01{}", "c:1:7: found a control character, expected text" },
+        { string("interfaces a\0b;", 15), "c:1:13: found a control character, expected text" },
+        { string("interfaces \"a\0b\";", 17), "c:1:12: found a zero octet in a string, expected text" },
+        { "\xff\x1b[2J" + string(100, 'x'),
+          "c:1:1: found '\\xff', expected one of system, security, interfaces, chassis, end of file" },
+        { string(100, 'x'), "c:1:1: found '" + string(40, 'x') +
+                                "...', expected one of system, security, interfaces, chassis, end of file" },
+    };
+    for (const auto &row : rows) EXPECT_EQ(fault_of(row.text), row.fault) << row.text;
+}
+
+TEST(confdb_check, names_kinds_and_limits)
+{
+    const string free_text = "text without control characters,";
+    const struct { string text, fault; } rows[] = {
+        { client("secret \"a \\\"quoted\\\" {;} \xc3\xa9\"; reconnect-strategy in-order; services netconf;"), "" },
+        { client("servers { \"host name\" { port 65535; retry 4294967295; } 192.0.2.1; }"), "" },
+        { client("keep-alive { retry 4294967296; }"),
+          "c:1:66: found '4294967296', expected a number from 0 to 4294967295" },
+        { client("reconnect-strategy stuck;"), "c:1:66: found 'stuck', expected one of sticky, in-order" },
+        { client("secret \"a\tb\";"), "c:1:54: found 'a\\x09b', expected " + free_text + " 0 to 254 octets" },
+        { "system { services { outbound-ssh { client \"../../x\"; } } }",
+          "c:1:43: found '../../x', expected letters, digits and : . _ -, 1 to 254 octets" },
+        { "interfaces { \"a<b\" { } }",
+          "c:1:14: found 'a<b', expected letters, digits and / : . _ -, 1 to 59 octets" },
+        { "interfaces { ge-0/0/0 { unit 0123456789; } }",
+          "c:1:30: found '0123456789', expected letters, digits and / : . _ -, 1 to 9 octets" },
+        { "interfaces a { unit 0 { vlan-id 4094; mtu 1500; disable; description \"\";"
+          " family inet { address 192.0.2.1/24; } family inet6 { address { 2001:db8::1/64; ::/0; } } } }", "" },
+        { "interfaces a { unit 0 { family inet { address 192.0.2.1/33; } } }",
+          "c:1:47: found '192.0.2.1/33', expected an IPv4 address with its prefix length" },
+        { "interfaces a { unit 0 { family inet6 { address 192.0.2.1/24; } } }",
+          "c:1:48: found '192.0.2.1/24', expected an IPv6 address with its prefix length" },
+        { deployment("servers { 192.0.2.1; 192.0.2.300; }"),
+          "c:1:63: found '192.0.2.300', expected an IPv4 address" },
+        { deployment("servers 192.0.2.1 { port 0; }"), "c:1:67: found '0', expected a number from 1 to 65535" },
+        { deployment("servers 192.0.2.1 { port +1; }"), "c:1:67: found '+1', expected a number from 1 to 65535" },
+        { deployment("servers 192.0.2.1 { user \"\"; }"),
+          "c:1:67: found '', expected " + free_text + " 1 to 64 octets" },
+        { deployment("traceoptions { flag beep; flag everything; }"),
+          "c:1:73: found 'everything', expected one of beep, profile, core, octets, dump, all" },
+        { deployment("source-address 192.0.2.1; source-address 192.0.2;"),   // the value in force is the last
+          "c:1:83: found '192.0.2', expected an IPv4 address" },
+    };
+    for (const auto &row : rows) EXPECT_EQ(fault_of(row.text), row.fault) << row.text;
+}
+
+TEST(confdb_check, size_and_depth_are_no_danger)
+{
+    string deep(1 << 20, '{');
+    EXPECT_NE(fault_of(deep), "");
+    EXPECT_NE(fault_of("interfaces " + deep), "");
+    EXPECT_EQ(fault_of(string(DDL_ACCESS_TEXT_MAX, ' ')), "");
+    EXPECT_EQ(fault_of(string(DDL_ACCESS_TEXT_MAX + 1, ' ')), "c: longer than 16777216 octets");
+}
