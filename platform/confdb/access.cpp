@@ -1,8 +1,8 @@
 /*
  * Access: the ddl_access_* calls over the one open tree.
  *
- * Objects handed out are the tree's own nodes; releasing only keeps the books. The books are two counters, of objects and
- * attributes that are out, which must both be zero when a reader closes.
+ * Objects handed out are the tree's own nodes; releasing only keeps the books. The books are two counters, of objects
+ * and attributes that are out, which must both be zero when a reader closes.
  *
  * Where errors go is settled by the last opening, even a failed one, so that the reader's report of that failure takes
  * the same road. The count of errors outlives the closing: readers return it then.

@@ -1,8 +1,8 @@
 /*
  * Whole check: what readers would find wrong one by one, found before a configuration is put in force.
  *
- * The tree is walked in the order of the file, without recursion: down to the first child, on to the next, up when there
- * is none. The first fault ends the walk, since the person who corrects it runs the check again anyway.
+ * The tree is walked in the order of the file, without recursion: down to the first child, on to the next, up when
+ * there is none. The first fault ends the walk, since the person who corrects it runs the check again anyway.
  */
 #include "platform/confdb/tree.h"
 

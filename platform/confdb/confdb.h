@@ -35,9 +35,9 @@ struct ddl_attribute {
 };
 #define DDL_ATTRIBUTE_INIT { -1, 0, -2, 0, 0, nullptr, nullptr }
 
-/* 0, or a number for ddl_access_strerror; then nothing is open, unless it failed for one being open already, which stays
- * so. name is the daemon's name and selects nothing. The third argument is null and the fourth -2. check selects the
- * configuration being checked, and where errors go, also those reported after a failed opening. */
+/* 0, or a number for ddl_access_strerror; then nothing is open, unless it failed for one being open already, which
+ * stays so. name is the daemon's name and selects nothing. The third argument is null and the fourth -2. check selects
+ * the configuration being checked, and where errors go, also those reported after a failed opening. */
 [[nodiscard]] int ddl_access_open_db(int first, const char *name, const void *third, int fourth, int check);
 /* One line that says why the last opening or closing failed; the database's, valid until the next one. */
 const char *ddl_access_strerror(int error);
@@ -54,8 +54,8 @@ int ddl_access_close_db(int first, int second);
 /* True if the keyword name stands below object; a value or a bare keyword counts too. */
 bool ddl_access_object_configured(struct ddl_object *object, const char *name, int third);
 /* Steps *cursor (null at the start) through a list's elements, in the order of the file; false at the end, *cursor then
- * null. Stepping releases the element left; a walk that ends early releases *cursor. An element whose name has characters
- * that are not safe where such names end up is reported and left out. False for what is no list. */
+ * null. Stepping releases the element left; a walk that ends early releases *cursor. An element whose name has
+ * characters that are not safe where such names end up is reported and left out. False for what is no list. */
 bool ddl_access_visit_container(struct ddl_object *object, struct ddl_object **cursor, int third);
 /* The element's name, cut to size. Its length, or -1 if object is no element of a list. */
 int ddl_access_extract_id(struct ddl_object *object, char *buffer, size_t size);
@@ -85,13 +85,15 @@ void ddl_access_attribute_invalidate(struct ddl_attribute *attr);
 /* Errors counted since the database was opened; kept until the next opening. */
 int ddl_access_config_had_errors(void);
 
-/* Debug checks: every object and attribute handed out must have been given back, and none twice. In builds with assertions
- * a mismatch or leak is logged at severity 7. The arguments are 1s and 0s as callers have always passed them. */
+/* Debug checks: every object and attribute handed out must have been given back, and none twice. In builds with
+ * assertions a mismatch or leak is logged at severity 7. The arguments are 1s and 0s as callers have always passed
+ * them. */
 void ddl_access_resource_had_mismatch(int first, int second, int third);
 void ddl_access_debug_emit_leaks(int first, int second);
 
-/* Checks a whole configuration text: syntax, keywords, names, kinds and limits. file is named in messages. 0, or -1 with
- * the first fault in error as "FILE:LINE:COLUMN: found X, expected Y". Opens nothing, and needs nothing to be open. */
+/* Checks a whole configuration text: syntax, keywords, names, kinds and limits. file is named in messages. 0, or -1
+ * with the first fault in error as "FILE:LINE:COLUMN: found X, expected Y". Opens nothing, and needs nothing to be
+ * open. */
 [[nodiscard]] int ddl_access_check_text(const char *file, const char *text, size_t length, char *error, size_t size);
 enum {
     DDL_ACCESS_TEXT_MAX = 16 << 20,   // octets of a configuration; a longer one is refused

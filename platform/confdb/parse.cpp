@@ -6,8 +6,9 @@
  *   element   = name { block } | name ;
  *   An inline stanza may also be followed by one statement of its block.
  *
- * Keywords are words; names and values are words or strings. Every function parses one rule of these and is entered with
- * its first token current. False means that the fault has been told and parsing is over: the first fault is the only one.
+ * Keywords are words; names and values are words or strings. Every function parses one rule of these and is entered
+ * with its first token current. False means that the fault has been told and parsing is over: the first fault is the
+ * only one.
  *
  * The recursion follows the schema: a block is entered only through a keyword that the schema has at this place, so its
  * depth is that of the table, whatever the text holds.

@@ -1,8 +1,8 @@
 /*
  * Schema: look-ups in the table of rows, and the rules of values.
  *
- * A place finds its rows by one scan: there are some sixty rows in all, and the rows of a place stand together. The kinds
- * of values are a table too: how a text is judged, and how a message names what was expected.
+ * A place finds its rows by one scan: there are some sixty rows in all, and the rows of a place stand together. The
+ * kinds of values are a table too: how a text is judged, and how a message names what was expected.
  *
  * What the compiler checks: each row's parent is opened by some row (or is the top), no two rows of a place have one
  * keyword or one attribute number, every word row has enumerators, and every list a name for its key.

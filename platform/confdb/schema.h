@@ -1,8 +1,8 @@
 /*
  * Schema of the configuration: which keyword stands where, what it takes, and what its value must obey.
  *
- * One table holds it all. A row is a keyword below one place; a place is a stanza or an element of a list. Parser, value
- * checks and readers ask the table and know no keyword of their own.
+ * One table holds it all. A row is a keyword below one place; a place is a stanza or an element of a list. Parser,
+ * value checks and readers ask the table and know no keyword of their own.
  */
 #pragma once
 

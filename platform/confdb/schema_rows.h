@@ -48,8 +48,9 @@ static constexpr struct conf_row presence(enum conf_place parent, const char *ke
 }
 
 /* max is the longest name; 0 if the kind of the names needs none. */
-static constexpr struct conf_row list(enum conf_place parent, const char *keyword, enum conf_place place, const char *key,
-                                      enum conf_value names, uint32_t max, int8_t attribute = CONF_BY_NAME)
+static constexpr struct conf_row list(enum conf_place parent, const char *keyword, enum conf_place place,
+                                      const char *key, enum conf_value names, uint32_t max,
+                                      int8_t attribute = CONF_BY_NAME)
 {
     return { parent, keyword, CONF_LIST, place, attribute, names, max ? 1u : 0u, max, key, nullptr };
 }

@@ -1,12 +1,13 @@
 /*
  * Configuration tree: objects in chunks, found through one hash table.
  *
- * A tree is built once and freed whole, so its objects and texts are cut from chunks, and none is freed by itself. Every
- * object is also in the hash table under its parent, row and, for an element, name: that is how a repetition is noticed
- * and how readers look up, in the same time however long a list is. A table that cannot grow for want of memory
+ * A tree is built once and freed whole, so its objects and texts are cut from chunks, and none is freed by itself.
+ * Every object is also in the hash table under its parent, row and, for an element, name: that is how a repetition is
+ * noticed and how readers look up, in the same time however long a list is. A table that cannot grow for want of memory
  * only gets slower.
  *
- * True at all times: an object's parent is linked before it, and a list's children are all elements with the list's row.
+ * True at all times: an object's parent is linked before it, and a list's children are all elements with the list's
+ * row.
  */
 #include "platform/confdb/tree.h"
 

@@ -27,8 +27,8 @@ struct conf_tree;
 enum { CONF_FILE_NAME_MAX = 64 };
 
 /* Parses text, which may hold anything; nothing of it is used after the return. file is the name for messages, cut to
- * CONF_FILE_NAME_MAX. Null on any fault, with "FILE:LINE:COLUMN: found X, expected Y" in error, or "FILE: ..." if memory
- * is out or the text is longer than DDL_ACCESS_TEXT_MAX. */
+ * CONF_FILE_NAME_MAX. Null on any fault, with "FILE:LINE:COLUMN: found X, expected Y" in error, or "FILE: ..." if
+ * memory is out or the text is longer than DDL_ACCESS_TEXT_MAX. */
 [[nodiscard]] struct conf_tree *conf_parse(const char *file, const char *text, size_t length, char *error, size_t size);
 void conf_tree_free(struct conf_tree *tree);   // null allowed
 

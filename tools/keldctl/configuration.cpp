@@ -3,8 +3,8 @@
  *
  * A commit has four stages, and a crash or refusal at any point leaves the configuration that was in force, whole:
  *   1. The file is read once and checked: syntax, keywords, names, kinds, limits. A refusal leaves no trace at all.
- *   2. It becomes the candidate, and keld -C, which reads the candidate, has its say. If it refuses, the candidate stays,
- *      so that keldctl check and keld -C show again what is wrong.
+ *   2. It becomes the candidate, and keld -C, which reads the candidate, has its say. If it refuses, the candidate
+ *      stays, so that keldctl check and keld -C show again what is wrong.
  *   3. The committed file gets its second name keld.conf.1. Until the next stage both names are the same file.
  *   4. The candidate is renamed to keld.conf, and the daemon, if one runs, is told with SIGHUP.
  *
@@ -106,7 +106,8 @@ static int put_in_force()
         return keldctl_fail("cannot keep the former configuration as %s (%s), nothing was changed", former_name,
                             strerror(errno));
     if (!file_move(system_path(candidate_name), committed))
-        return keldctl_fail("cannot put %s in place of %s: %s", candidate_name, committed_name, strerror(errno));
+        return keldctl_fail("cannot put %s in place of %s (%s), commit again", candidate_name, committed_name,
+                            strerror(errno));
     return 0;
 }
 

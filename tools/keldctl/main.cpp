@@ -1,8 +1,8 @@
 /*
  * keldctl: the operator's tool.
  *
- * A command is a row: its word, how many arguments it takes, and its function. Whatever does not fit a row gets one line
- * that names the word and points to the help.
+ * A command is a row: its word, how many arguments it takes, and its function. Whatever does not fit a row gets one
+ * line that names the word and points to the help.
  */
 #include "tools/keldctl/keldctl.h"
 

@@ -2,14 +2,14 @@
  * Configuration reader: the stanza `system services service-deployment`.
  *
  * A reading opens the database, goes through the stanza once and closes it again. Errors are reported through the
- * database, which counts them; they end nothing. The result is a sum, so that "no stanza" (-1), "all well" (0) and "errors"
- * (above 0) are one number, which is also the exit status of a check.
+ * database, which counts them; they end nothing. The result is a sum, so that "no stanza" (-1), "all well" (0) and
+ * "errors" (above 0) are one number, which is also the exit status of a check.
  *
- * Who reads decides what a bad entry costs: a start uses whatever could be read, a reload keeps the former configuration
- * unless the result is 0.
+ * Who reads decides what a bad entry costs: a start uses whatever could be read, a reload keeps the former
+ * configuration unless the result is 0.
  *
- * True of every configuration filled here: the servers form one ring, in the order of the file, and own no memory beside
- * their records.
+ * True of every configuration filled here: the servers form one ring, in the order of the file, and own no memory
+ * beside their records.
  */
 #include "usr.sbin/keld/config.h"
 

@@ -2,8 +2,8 @@
  * Configuration reader: the stanza `system services service-deployment` as a small record, and the certification
  * authorities for TLS.
  *
- * The database is opened and closed inside each call. Errors in the configuration are reported through it (to the system
- * log, or to standard error in a check) and counted; a reader goes through all entries and takes the good ones.
+ * The database is opened and closed inside each call. Errors in the configuration are reported through it (to the
+ * system log, or to standard error in a check) and counted; a reader goes through all entries and takes the good ones.
  */
 #pragma once
 
@@ -27,8 +27,8 @@ enum : uint16_t {
     KELD_SECURITY_SELF_CERTIFICATE = 0x0100,  // a self-signed server certificate is accepted
 };
 
-/* A configured server. The ring is circular in both directions and keeps the order of the configuration; a single record
- * points to itself. */
+/* A configured server. The ring is circular in both directions and keeps the order of the configuration; a single
+ * record points to itself. */
 struct keld_server {
     struct keld_server *ks_next, *ks_prev;
     char ks_user[KELD_USER_SIZE];   // user of the login; empty if none is configured
@@ -48,10 +48,10 @@ struct keld_config_data {
 void keld_trace_init(void);
 
 /* Reads the stanza into *config, a zeroed record (null: only checks). check selects the configuration being checked,
- * prints errors to standard error, and leaves servers and trace settings unread; otherwise the trace settings are applied
- * to keld_dtf_options. 0 if all is well; -1 if the stanza is absent; positive if errors were found: their number, plus 1 if
- * a server entry was bad; 1 if the database could not be opened, as when there is no committed file. What could be read stands
- * in *config whatever the result. */
+ * prints errors to standard error, and leaves servers and trace settings unread; otherwise the trace settings are
+ * applied to keld_dtf_options. 0 if all is well; -1 if the stanza is absent; positive if errors were found: their
+ * number, plus 1 if a server entry was bad; 1 if the database could not be opened, as when there is no committed file.
+ * What could be read stands in *config whatever the result. */
 [[nodiscard]] int keld_config(int check, struct keld_config_data *config);
 
 /* Loads the trusted certificates of all configured authorities into ssl_ctx. What cannot be loaded is reported and left

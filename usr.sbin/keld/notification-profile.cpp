@@ -119,7 +119,8 @@ static int32_t confirmed_keepalive(std::string_view text)
         profile_trace("TKEL start_confirm: missing <keepalive>, use default");
         return TKEL_DEFAULT_KEEPALIVE_S;
     }
-    std::string_view number = text.substr(tag_at + strlen(keepalive_tag));
+    std::string_view number = text;
+    number.remove_prefix(tag_at + strlen(keepalive_tag));
     int64_t stated_s;
     if (!number_read(number, INT32_MAX, &stated_s) || stated_s <= 0) {
         profile_trace("TKEL start_confirm: invalid keepalive '%.*s'", VIEW(number));

@@ -24,8 +24,8 @@ struct str_array *str_array_init(uint32_t capacity)
 /* The array with twice the slots; null if memory is out, the array is then as before. */
 static struct str_array *doubled(struct str_array *array)
 {
-    // 2^31 slots cannot be doubled in 32 bits, and no signed count reaches beyond them. An array made with no room grows
-    // to one slot.
+    // 2^31 slots cannot be doubled in 32 bits, and no signed count reaches beyond them. An array made with no room
+    // grows to one slot.
     if (array->sa_capacity > UINT32_MAX / 2) return nullptr;
     uint32_t capacity = array->sa_capacity > 0 ? 2 * array->sa_capacity : 1;
     array = static_cast<struct str_array *>(realloc(array, block_size(capacity)));

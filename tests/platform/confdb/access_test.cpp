@@ -172,7 +172,8 @@ TEST_F(confdb_access, unsafe_names_are_left_out)
 TEST_F(confdb_access, any_allocation_may_fail)
 {
     string units;
-    for (int i = 0; i < 200; i++) units += "unit " + std::to_string(i) + " { description \"" + string(90, 'x') + "\"; }";
+    const string block = " { description \"" + string(90, 'x') + "\"; }";
+    for (int i = 0; i < 200; i++) units += "unit " + std::to_string(i) + block;
     commit("interfaces a { " + units + " }");
     int refused = 0;
     for (int n = 0; good_allocations = n, true; n++) {

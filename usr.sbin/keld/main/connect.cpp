@@ -60,10 +60,12 @@ static bool choose_redirect(struct keld_server *server)
 
 int choose_server(struct keld_server *server)
 {
-    if (!current_config.kc_servers) return 0;
+    const struct keld_server *head = current_config.kc_servers;
+    if (!head) return 0;
     if (choose_redirect(server)) return 1;
     const struct keld_server *former = server->ks_addr != 0 ? find_server(server, &current_config) : nullptr;
-    *server = former ? *former->ks_next : *current_config.kc_servers;
+    const struct keld_server *next = former ? former->ks_next : head;
+    *server = next ? *next : *head;
     return 1;
 }
 

@@ -168,5 +168,6 @@ void engine_probe_start(int fd, int peer_fd)
     peer_say_greeting(peer_fd);
     while (beep_get_session_status(engine_probe.ep_session) != BEEP_STATE_READY) turn(end.ctx);
     peer_say_start_accepted(peer_fd);
-    while (!engine_probe.ep_channel) turn(end.ctx);
+    while (!beep_find_channel(engine_probe.ep_session, 1)) turn(end.ctx);
+    peer_grant_window(peer_fd);
 }

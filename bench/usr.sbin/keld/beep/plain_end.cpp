@@ -101,6 +101,10 @@ void peer_say_greeting(int fd)
 void peer_say_start_accepted(int fd)
 {
     write_frame(fd, "RPY 0 1", greeting.size(), mime_header + "<profile uri='" BENCH_PROFILE_URI "'/>");
+}
+
+void peer_grant_window(int fd)
+{
     std::string seq = "SEQ 1 0 " + std::to_string(PEER_WINDOW) + "\r\n";
     write_all(fd, seq.data(), seq.size());
 }
@@ -143,6 +147,12 @@ void scripted_sink(int fd, const struct load &load)
     peer_say_greeting(fd);
     await_start(fd);
     peer_say_start_accepted(fd);
-    discard(fd, octets_of_seq() + octets, static_cast<size_t>(load.octets));
+    discard(fd, octets_of_seq(), octets_of_seq());   // the channel stands by then; a SEQ that comes before is ignored
+    peer_grant_window(fd);
+    discard(fd, octets, static_cast<size_t>(load.octets));
     write_frame(fd, "RPY 1 " + std::to_string(load.messages - 1), 0, "");
+
+    // An end of the stream right behind the answer would end the engine's session before the answer is delivered.
+    char octet;
+    while (read(fd, &octet, 1) > 0) continue;
 }

@@ -15,7 +15,7 @@ protected:
     /* A self-signed authority with this name, in the file at path below the root. */
     void authority(const string &path, const string &name)
     {
-        EVP_PKEY *key = EVP_EC_gen("P-256");
+        EVP_PKEY *key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
         X509 *certificate = X509_new();
         ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
         X509_gmtime_adj(X509_getm_notBefore(certificate), 0);

@@ -126,13 +126,13 @@ TEST_F(keld_configuration, a_check_passes_over_servers_and_trace_settings)
 TEST_F(keld_configuration, moves)
 {
     struct keld_config_data other = {};
-    ASSERT_EQ(read("local-certificate old; servers { 192.0.2.1; 192.0.2.2; }"), 0);
-    keld_config_mv(&config, &other);
-    EXPECT_EQ(config.kc_servers, nullptr);
-    EXPECT_EQ(config.kc_cert_name, nullptr);
-    ASSERT_EQ(read("local-certificate new; servers { 192.0.2.3; }"), 0);
-    keld_config_mv(&config, &other);
-    EXPECT_STREQ(other.kc_cert_name, "new");
+    for (const char *name : { "old", "new" }) {
+        ASSERT_EQ(read(string("local-certificate ") + name + "; servers { 192.0.2.1; 192.0.2.2; }"), 0);
+        keld_config_mv(&config, &other);
+        EXPECT_EQ(config.kc_servers, nullptr);
+        EXPECT_EQ(config.kc_cert_name, nullptr);
+        EXPECT_STREQ(other.kc_cert_name, name);
+    }
     keld_config_free(&other);
     EXPECT_EQ(other.kc_servers, nullptr);
     keld_config_free(&other);

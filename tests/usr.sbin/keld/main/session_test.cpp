@@ -3,12 +3,10 @@
  * and what may fail before there is one.
  */
 #include "tests/usr.sbin/keld/main/core_fixture.h"
-#include "usr.sbin/keld/main/tls.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <openssl/x509_vfy.h>
 
 using session = core;
 
@@ -168,27 +166,4 @@ TEST_F(session, a_stalled_attempt_leaves_one_timer_for_the_next)
     confirm("<keepalive>45</keepalive>");
     pass(15);
     EXPECT_EQ(keepalive_count, 1);
-}
-
-TEST_F(session, only_a_self_signed_certificate_is_ever_forgiven)
-{
-    static constexpr uint16_t TLS = KELD_SECURITY_TLS, SELF = KELD_SECURITY_TLS | KELD_SECURITY_SELF_CERTIFICATE;
-    static const struct { int ok, error; uint16_t security; int verdict; const char *text; } rows[] = {
-        { 1, X509_V_OK, TLS, 1, nullptr },
-        { 0, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, TLS, 0, "num=18:" },
-        { 0, X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, SELF, 1, nullptr },
-        { 0, X509_V_ERR_CERT_HAS_EXPIRED, SELF, 0, "certificate has expired" },
-        { 0, X509_V_ERR_CERT_NOT_YET_VALID, TLS, 0, "certificate not yet valid" },
-    };
-    X509_STORE_CTX *store = X509_STORE_CTX_new();
-    for (const auto &row : rows) {
-        std::string line = "3 KELD_PRIVATIZE_FAIL: certificate verification failed: ";
-        if (row.text) line += row.text;
-        size_t before = logged(line);
-        current_server.ks_security = row.security;
-        X509_STORE_CTX_set_error(store, row.error);
-        EXPECT_EQ(ssl_verify_cb(row.ok, store), row.verdict) << row.error;
-        EXPECT_EQ(logged(line) - before, row.text ? 1u : 0u);
-    }
-    X509_STORE_CTX_free(store);
 }
