@@ -100,6 +100,10 @@ int evCancelConn(evContext ctx, evConnID id);
  * Call it before the descriptor is closed. */
 int evDeselectFD(evContext ctx, evFileID id);
 
+/* Holds back what is written to fd, a TCP socket (on), or lets it go at once (off), so that several writes leave together.
+ * Each on needs its off: what is held back would otherwise wait for as long as 200 ms. -1 with errno if fd is none. */
+int evHoldFD(int fd, bool on);
+
 /* A one-shot waiter on tag: func runs at the loop's next turn after an evDo on the tag. Waiters of one tag run in the
  * order of their registration. An evDo that came before the registration does not count. */
 [[nodiscard]] int evWaitFor(evContext ctx, const void *tag, evWaitFunc func, void *uap, evWaitID *id);

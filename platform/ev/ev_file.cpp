@@ -18,9 +18,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
 static constexpr int SLOTS_FIRST = 64;
 static constexpr uint32_t GENERATION_SHIFT = 32;
@@ -236,4 +239,10 @@ int ev_run_file_event(struct ev_context *ctx, uint64_t data, uint32_t kernel_eve
     }
     if ((ready & EV_WRITE) && slot && slot->sl_writer) calls += file_call(ctx, slot->sl_writer, EV_WRITE);
     return calls;
+}
+
+int evHoldFD(int fd, bool on)
+{
+    int value = on;
+    return setsockopt(fd, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
 }

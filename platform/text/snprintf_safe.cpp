@@ -10,18 +10,23 @@
 
 #include <stdio.h>
 
-size_t snprintf_safe(char *buffer, size_t size, const char *format, ...)
+size_t vsnprintf_safe(char *buffer, size_t size, const char *format, va_list args)
 {
     if (size == 0) return 0;
 
-    va_list args;
-    va_start(args, format);
     int length = vsnprintf(buffer, size, format, args);
-    va_end(args);
-
     if (length < 0) {
         buffer[0] = '\0';
         return 0;
     }
     return (size_t)length < size ? (size_t)length : size - 1;
+}
+
+size_t snprintf_safe(char *buffer, size_t size, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    size_t length = vsnprintf_safe(buffer, size, format, args);
+    va_end(args);
+    return length;
 }

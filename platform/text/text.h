@@ -12,6 +12,7 @@ extern "C" {
 /* Formats into buffer, always terminated if size is above 0. The number of octets stored, without the terminator: never
  * more than size - 1, also when the text was cut. 0 if size is 0 or the format cannot be rendered. */
 [[gnu::format(printf, 3, 4)]] size_t snprintf_safe(char *buffer, size_t size, const char *format, ...);
+[[gnu::format(printf, 3, 0)]] size_t vsnprintf_safe(char *buffer, size_t size, const char *format, va_list args);
 
 /* Replaces the entities &lt; &gt; &amp; &apos; &quot; and the character references &#D; and &#xH; (as UTF-8) in the
  * first length octets of in, writing to out, which may be in itself; anything else, an unknown or unfinished entity

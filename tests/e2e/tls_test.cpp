@@ -1,8 +1,8 @@
 /*
  * Certificates: whom the daemon believes, and what it says and does when it does not.
  *
- * The test makes an authority of its own with the openssl program, and servers that it signed, that somebody else signed,
- * that signed themselves, and whose time is over.
+ * The test makes an authority of its own with the openssl program, and servers that it signed, that somebody else
+ * signed, that signed themselves, and whose time is over.
  */
 #include "tests/support/peer.h"
 #include "tests/support/router.h"

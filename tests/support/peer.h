@@ -1,8 +1,8 @@
 /*
  * Peer: the other end of a TCP connection, word for word, for tests that say what goes over the wire.
  *
- * It listens as a server or connects as a client, sends frames and waits for octets. It keeps no rules: what a test does
- * not send is not sent.
+ * It listens as a server or connects as a client, sends frames and waits for octets. It keeps no rules: what a test
+ * does not send is not sent.
  */
 #pragma once
 
@@ -24,7 +24,8 @@ void peer_listen(struct peer &peer);
 bool peer_accept(struct peer &peer);
 bool peer_connect(struct peer &peer, const std::string &port);
 
-/* Waits for text behind what was expected before; what lies between is passed over. Reports a failure with what came. */
+/* Waits for text behind what was expected before; what lies between is passed over. A failure is reported with what
+ * came. */
 bool peer_expect(struct peer &peer, const std::string &text);
 /* Waits for the end of the stream. */
 bool peer_expect_end(struct peer &peer);

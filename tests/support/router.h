@@ -2,8 +2,8 @@
  * Router: a whole router for a test, under a scratch root of its own.
  *
  * It writes files and configurations, starts the programs that were built (from the folder in KELD_BIN) with KELD_ROOT
- * set, waits for what they print, and ends them. When the test failed, everything that they printed and logged is shown.
- * No fixed ports, no privileges; every wait has a limit and ends as soon as the state is there.
+ * set, waits for what they print, and ends them. When the test failed, everything that they printed and logged is
+ * shown. No fixed ports, no privileges; every wait has a limit and ends as soon as the state is there.
  */
 #pragma once
 

@@ -4,9 +4,9 @@
  * A command is one line; it acts on the session that came up last. A line that cannot be carried out gets one line that
  * says why, and nothing else happens.
  *
- * The end of standard input ends the commands, not the server: scripts close it, or never open it, and want to be served
- * all the same. "quit", SIGINT and SIGTERM end the server. A regular file is read at once. A terminal is opened anew,
- * because the loop reads without blocking and the terminal's own descriptor belongs to the shell as well.
+ * The end of standard input ends the commands, not the server: scripts close it, or never open it, and want to be
+ * served all the same. "quit", SIGINT and SIGTERM end the server. A regular file is read at once. A terminal is opened
+ * anew, because the loop reads without blocking and the terminal's own descriptor belongs to the shell as well.
  */
 #include "tools/kelserver/kelserver.h"
 

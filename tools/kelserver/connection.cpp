@@ -11,8 +11,8 @@
  * chance to leave.
  *
  * The engine is given read and write functions of ours on plain TCP as well: they know why a stream ended, which the
- * engine does not tell, and they see the answer to a <close> go by. The engine never reports that answer: an <ok/> lacks
- * the code that it wants of the element.
+ * engine does not tell, and they see the answer to a <close> go by. The engine never reports that answer: an <ok/>
+ * lacks the code that it wants of the element.
  */
 #include "tools/kelserver/kelserver.h"
 

@@ -7,8 +7,8 @@
  *   commands.cpp     standard input
  *   print.cpp        standard output
  *
- * A connection is made by connection_accept and freed by the loop some time after connection_end; nobody else frees one.
- * Functions that a person's command reaches answer with null, or with one line that says what is wrong.
+ * A connection is made by connection_accept and freed by the loop some time after connection_end; nobody else frees
+ * one. Functions that a person's command reaches answer with null, or with one line that says what is wrong.
  */
 #pragma once
 

@@ -1,10 +1,10 @@
 /*
  * Session: the server's side of the two profiles.
  *
- * The notification channel is opened by the router. We accept, tell it how often to report, print what arrives on it and
- * answer each message with an empty reply. On <close-connection/> we hang up, as the router asks.
- * The management script channel is opened from here, at the first call; each call is one MSG, and the frames of its
- * reply are printed as they come.
+ * The notification channel is opened by the router. We accept, tell it how often to report, print what arrives on it
+ * and answer each message with an empty reply. On <close-connection/> we hang up, as the router asks. The management
+ * script channel is opened from here, at the first call; each call is one MSG, and the frames of its reply are printed
+ * as they come.
  *
  * The engine calls pro_start_indicate and its kin without saying which session is meant. So they only note the channel,
  * and the next turn finds the connection whose table has come to hold it (claim_channels). pro_start_fail does not even

@@ -1,6 +1,6 @@
 /*
  * BEEP engine: one session of RFC 3080 framing with channel 0 management over one connected stream, with the flow control
- * of RFC 3081. It differs from the RFCs at a number of places on purpose; each is marked "Kept on purpose" in the code.
+ * of RFC 3081. It differs from the RFCs at a number of places on purpose, marked "Kept on purpose:" where they stand.
  *
  * How it hangs together
  *   - Sending only queues: a send function copies its payload into a frame on the channel and asks for write readiness.
@@ -86,10 +86,10 @@ struct beep_profile {
     const char *pro_uri;
     /* The peer's greeting made the session ready. Null allowed. */
     void (*pro_greeting)(struct beep_session *session);
-    /* The peer asks for a channel of this profile. Non-zero accepts. Lends channel, which becomes usable after the return. */
+    /* The peer asks for a channel of this profile. Non-zero accepts; null refuses. Lends channel, which becomes usable after the return. */
     uint8_t (*pro_start_indicate)(const char *data, int32_t length, struct beep_channel *channel,
                                   struct beep_start_reply *reply);
-    /* The peer confirmed a <start> from here. Zero gives the channel up again, and the peer is not told. */
+    /* The peer confirmed a <start> from here. Zero, or null, gives the channel up again, and the peer is not told. */
     uint8_t (*pro_start_confirm)(const char *data, int32_t length, struct beep_channel *channel);
     /* The peer refused a <start> from here. diagnostic may be null. Null allowed. */
     void (*pro_start_fail)(const struct beep_diagnostic *diagnostic);
@@ -137,6 +137,7 @@ struct beep_channel {
     struct bp_queue *bc_out;             // frames to be sent; owned, and the frames too
     struct bp_queue *bc_sent_msgnos;     // numbers of MSGs sent and not answered in full; owned
     void *bc_user_data;                  // the profile's; never looked into here
+    struct beep_frame *bc_seq_spare;     // a SEQ that has left, kept for the next; owned, or null
     struct beep_channel *bc_orphan;      // next in bs_orphans, once a <start> has taken this channel's number
 };
 
@@ -169,18 +170,20 @@ struct beep_session {
     char bs_out_hdr[BEEP_HEADER_MAX];           // header of the frame being written
     struct iovec bs_iov[BEEP_IOV_COUNT];        // what is left of it
     int32_t bs_iov_index;                       // the pair being written, -1 while no frame is
-    struct beep_frame *bs_iov_frame;            // whose payload the pairs point into; null while no frame is
-    struct beep_frame *bs_iov_orphan;           // the same, owned, once its channel has gone
 
-    struct beep_close_job *bs_close_job;        // the <close> of the peer that waits for queues to drain; owned, or null
     struct bp_queue *bs_chan0_sent;             // chan0_msg of each channel 0 MSG sent and not answered; owned
     uint16_t bs_profile_count;
     const struct beep_profile *bs_profiles;     // the caller's
-    uint16_t bs_next_channel;                   // number for the next beep_channel_start
     uint32_t bs_channel_count;                  // slots in bs_channels: highest number ever added, plus 1
     struct beep_channel **bs_channels;          // by number; null slots are channels that do not exist; owned
-    struct beep_channel *bs_orphans;            // channels that lost their number, owned until the session goes
+    uint16_t bs_next_channel;                   // number for the next beep_channel_start
     beep_session_close_cb bs_close_cb;          // null if none
+
+    struct beep_frame *bs_iov_frame;            // whose payload bs_iov points into; null while no frame is written
+    struct beep_frame *bs_iov_orphan;           // the same, owned, once its channel has gone
+    struct beep_close_job *bs_close_job;        // the <close> of the peer that waits for queues to drain; owned, or null
+    bool bs_not_held;                           // bs_fd is no TCP socket, so that writes cannot be held back
+    struct beep_channel *bs_orphans;            // channels that lost their number, owned until the session goes
 };
 
 /* Starts a session on fd, a connected stream socket, and queues the greeting. fd becomes non-blocking and stays the
@@ -226,7 +229,7 @@ void channel_delete(struct beep_channel *channel);
 /* Queues a frame of any type on a channel record. msgno -1 takes the next number for a MSG. The message number or -1. */
 [[nodiscard]] int32_t beep_send_iovec(struct beep_session *session, struct beep_channel *channel, char type,
                                       int32_t msgno, char more, const struct iovec *iov, int iov_count);
-/* The same for one piece, by channel number, with an answer number. The message number or -1. */
+/* The same for one piece, by channel number, with an answer number. size is not negative. The message number or -1. */
 [[nodiscard]] int32_t beep_send_raw(struct beep_session *session, uint16_t channel, char type, int32_t msgno, char more,
                                     int32_t size, int32_t ansno, const void *data);
 /* Tells the peer how far it may send. Replaces a SEQ of the channel that has not left yet. */

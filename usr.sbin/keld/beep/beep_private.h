@@ -89,8 +89,8 @@ bool frame_validate(const struct beep_frame *frame, struct beep_channel *channel
 /* Offers the peer what room the channel's queue leaves. */
 void channel_send_seq(struct beep_session *session, struct beep_channel *channel);
 
-/* Takes a whole message off queue as one frame, the caller's. Null if there is none; with strict its frames then are back
- * on the queue. */
+/* Takes a whole message off queue as one frame, the caller's. Null if there is none: with strict the frames of one that has
+ * not come whole are back on the queue, and those of one that cannot be joined are lost. */
 struct beep_frame *frame_aggregate(struct bp_queue *queue, int strict);
 /* The same with head, which it takes, as the message's first part, or null. */
 struct beep_frame *beep_frame_aggregate_internal(struct bp_queue *queue, struct beep_frame *head, int strict);
@@ -98,8 +98,8 @@ struct beep_frame *beep_frame_aggregate_internal(struct bp_queue *queue, struct 
  * it went back to the queue. */
 int beep_frame_reassemble(struct beep_channel *channel, struct beep_frame **frame);
 
-/* A frame that cannot be done without: with null, logs the insist line of the place and ends the process. */
-void frame_insist(const struct beep_frame *frame, const char *function, int line, const char *expression);
+/* No memory for a frame that cannot be done without: logs the insist line of the place and ends the process. */
+[[noreturn]] void frame_missing(const char *function, int line, const char *expression);
 
 /* --- channel management, called for channel 0 messages. msg stays the caller's ------------------------------------ */
 

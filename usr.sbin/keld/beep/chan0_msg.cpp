@@ -4,10 +4,10 @@
  * A record owns all that hangs on it; copies are deep. The formatters write what a <greeting> and its kin look like on the
  * wire, into a buffer of fixed size, and escape nothing: what they are given must be fit for XML.
  */
+#include "platform/text/text.h"
 #include "usr.sbin/keld/beep/beep_private.h"
 
 #include <inttypes.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -122,16 +122,10 @@ struct text_out {
 /* Appends, cut at the buffer's end. */
 [[gnu::format(printf, 2, 3)]] static void put(struct text_out *out, const char *format, ...)
 {
-    if (out->to_used >= out->to_size) return;
-
     va_list args;
     va_start(args, format);
-    int wanted = vsnprintf(out->to_buf + out->to_used, out->to_size - out->to_used, format, args);
+    out->to_used += vsnprintf_safe(out->to_buf + out->to_used, out->to_size - out->to_used, format, args);
     va_end(args);
-    if (wanted < 0) return;
-
-    size_t room = out->to_size - out->to_used - 1;
-    out->to_used += static_cast<size_t>(wanted) < room ? static_cast<size_t>(wanted) : room;
 }
 
 static void put_profile(struct text_out *out, const struct beep_profile *profile, const char *piggyback)

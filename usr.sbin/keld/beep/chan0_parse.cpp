@@ -3,8 +3,8 @@
  * with the request that it answers.
  *
  * Replies come in the order of their requests, so only the oldest entry of bs_chan0_sent can match; a reply to anything else is
- * refused and the entry stays. Kept on purpose: <ok/> never gets this far, since the scanner gives it the op of <close> and it
- * has no code; the entry of a <close> from here therefore stays at the head and every later reply on channel 0 is refused.
+ * refused and the entry stays. Kept on purpose: <ok/> has the op of <close> but cannot have its code, and is refused before it
+ * is matched; the entry of a <close> from here therefore stays at the head and every later reply on channel 0 is refused.
  */
 #include "platform/text/text.h"
 #include "usr.sbin/keld/beep/beep_private.h"
@@ -15,7 +15,7 @@
 
 extern "C" {
 
-/* As atol with a 32-bit long. */
+/* As atol with a 32-bit long: clamped, where the numbers of a frame header are cut. */
 static int32_t value_number(const struct scan *s, const struct scan_value *value)
 {
     long number = strtol(s->payload + value->offset, nullptr, 10);
@@ -44,7 +44,8 @@ static bool take_diagnostic(struct scan *s, struct chan0_msg *msg)
     return msg->diagnostic != nullptr;
 }
 
-/* Decodes the piggybacks that came in base64; one that cannot be decoded is dropped. */
+/* Decodes the piggybacks that came in base64, in place and up to a zero; one with other octets is dropped. That the last group
+ * is whole is not asked for: the octet that a closing tag takes off is often the padding's. */
 static void decode_piggybacks(struct chan0_profile *profile)
 {
     for (; profile; profile = profile->next) {
@@ -53,8 +54,10 @@ static void decode_piggybacks(struct chan0_profile *profile)
         if (!profile->data) continue;
 
         struct base64_state *state = base64_start();
-        int length = base64_decode_chunk(profile->data, profile->data, static_cast<size_t>(profile->length), state);
-        if (base64_decode_end(state) < 0 || length < 0) {
+        size_t octets = strnlen(profile->data, static_cast<size_t>(profile->length));
+        int length = base64_decode_chunk(profile->data, profile->data, octets, state);
+        (void)base64_decode_end(state);
+        if (length < 0) {
             dbgpr("Invalid message: profile, piggyback is not base64.\n");
             free(profile->data);
             profile->data = nullptr;

@@ -239,7 +239,7 @@ static constexpr struct element_row {
     enum scan_state er_state;
 } element_rows[] = {
     { "close", 'c', SCAN_CLOSE_ATTRS }, { "error", 'e', SCAN_ERROR_ATTRS }, { "greeting", 'g', SCAN_GREETING_ATTRS },
-    // Kept on purpose: <ok/> has the op of <close> and so lacks a code, which is why no <ok/> ever gets out of here.
+    // Kept on purpose: <ok/> has the op of <close> but cannot have its code, so no <ok/> is ever made a message.
     { "ok", 'c', SCAN_OK_BODY },
     { "profile", 0, SCAN_PROFILE_NEW }, { "start", 's', SCAN_START_ATTRS },
 };
@@ -288,13 +288,15 @@ static bool finish_profile(struct scan *s)
         fail(s, "chan0_parse: profile element missing required uri");
         return false;
     }
-    // Kept on purpose: uri lengths of a message add up, so behind a second profile's uri the zero lands further on.
+    // Kept on purpose: uri lengths of a message add up, so behind a second profile's uri the zero lands further on: in its
+    // piggyback, which it cuts, or on octets still to be scanned, where it is a forbidden octet.
     scan_store_zero(s, profile->uri - s->payload + s->uri.length);
     if (profile->data) {
         // Kept on purpose: the last octet is taken for the ']' of a CDATA end; content without CDATA loses one.
         profile->length--;
         scan_store_zero(s, profile->data - s->payload + profile->length);
     }
+    // Kept on purpose: one encoding holds for all profiles of the message that come after it.
     if (s->encoding.offset != 0) {
         char first = s->payload[s->encoding.offset];
         profile->encoded = first == 'N' || first == 'n' || first == '\0' ? '\0' : 'Y';
@@ -319,6 +321,7 @@ static void scan_close_tag(struct scan *s)
     replace(s, SCAN_MATCH);
     s->match = name;
     s->error = mismatch;
+    // Kept on purpose: the count of the profile's octets is not ended, so what follows it in the root element goes on counting.
     if (name[0] == 'p' && s->current) (void)finish_profile(s);   // it has failed the scan itself
 }
 

@@ -78,6 +78,7 @@ void channel_delete(struct beep_channel *channel)
     frame_queue_free(channel->bc_out);
     bp_queue_free(channel->bc_sent_msgnos);
     frame_free(channel->bc_seq_frame);
+    frame_free(channel->bc_seq_spare);
     if (channel->bc_number == 0) chan0_msg_delete(channel0_pending(channel));
     if (channel->bc_profile && channel->bc_profile->pro_stop) channel->bc_profile->pro_stop(channel->bc_user_data);
     beep_trace("channel %hd deleted", static_cast<int16_t>(channel->bc_number));

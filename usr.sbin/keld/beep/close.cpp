@@ -5,8 +5,8 @@
  * it is channel 0's bc_pending, which holds back every later MSG of channel 0, and a close job waits for the next chance: a
  * frame that has left, or a delivery run that has ended. So a session has one close from the peer in progress at most.
  *
- * A close from here marks the channel and sends a request. What confirms it is any positive reply that the scanner lets
- * through; <ok/> is none, since it lacks a code, so against most peers the channel stays in 'C' until the session ends.
+ * A close from here marks the channel and sends a request. What confirms it is any positive reply that can be read as a
+ * message; <ok/> cannot, since it lacks a code, so against most peers the channel stays in 'C' until the session ends.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -135,7 +135,7 @@ void channel_stop_indicate(struct beep_session *session, struct chan0_msg *msg)
 
     const struct beep_diagnostic *why = msg->diagnostic;
     beep_trace("Closing channel %d: code=%" PRId32 " message=%s", msg->channel, why ? why->code : 0,
-               why && why->message ? why->message : "");
+               why && why->message ? why->message : "(null)");
     beep_find_channel(session, 0)->bc_pending = reinterpret_cast<uintptr_t>(chan0_msg_clone(msg));
     *job = { session, msg->msgno };
     drop_close_job(session);
@@ -231,7 +231,7 @@ void handle_close_err(struct beep_session *session, struct chan0_msg *msg)
     }
     const struct beep_diagnostic *why = msg->diagnostic;
     beep_trace("cannot close channel %d: [%" PRId32 "] %s", msg->channel, why ? why->code : 0,
-               why && why->message ? why->message : "");
+               why && why->message ? why->message : "(null)");
     channel->bc_state = BEEP_STATE_READY;
 }
 

@@ -34,10 +34,10 @@ static struct beep_frame *join_frames(struct beep_frame *const *frames, int coun
 
     const struct beep_frame *first = frames[0];
     struct beep_frame *out = nullptr;
-    if (size <= INT32_MAX)
+    if (size <= INT32_MAX)   // a larger sum counts as memory that is not to be had
         out = frame_new(first->bf_type, first->bf_channel, first->bf_msgno, frames[count - 1]->bf_more,
                         static_cast<int32_t>(size), ansno, nullptr);
-    frame_insist(out, function, line, expression);
+    if (!out) frame_missing(function, line, expression);
 
     char *to = out->bf_data;
     for (int i = 0; i < count; i++) {
@@ -63,7 +63,7 @@ static int take_frames(struct bp_queue *queue, struct beep_frame *head, struct b
     if (head && (head->bf_type != frame->bf_type || head->bf_msgno != frame->bf_msgno)) {
         beep_trace("frame_aggregate: head frame %" PRId32 " type '%c', first frame in queue %" PRId32 " type '%c'",
                    head->bf_msgno, head->bf_type, frame->bf_msgno, frame->bf_type);
-        frame_free(head);
+        frame_free(head);   // Kept on purpose: both are lost
         frame_free(frame);
         return 0;
     }
@@ -83,6 +83,7 @@ static void put_frames_back(struct bp_queue *queue, struct beep_frame *const *he
 {
     beep_trace("frame_aggregate: queue %d frames back into channel %hd", count,
                static_cast<int16_t>(held[0]->bf_channel));
+    // Kept on purpose: they go to the tail, so a frame with a mark that is neither '.' nor '*' lands behind later ones.
     for (int i = 0; i < count; i++)
         (void)bp_queue_put(queue, reinterpret_cast<uintptr_t>(held[i]));   // the takes have left room
 }
@@ -137,7 +138,7 @@ int beep_frame_reassemble(struct beep_channel *channel, struct beep_frame **fram
             *frame = join_frames(both, 2, (*frame)->bf_ansno, "beep_frame_reassemble", LINE_INSIST_REASSEMBLED, "new");
         } else {
             beep_trace("ERROR: reassembly failed for frame %" PRId32 ", type=%c", (*frame)->bf_msgno, (*frame)->bf_type);
-            frame_free(*frame);
+            frame_free(*frame);   // Kept on purpose: its octets are not given back to the window
             *frame = next;
         }
     }
@@ -212,6 +213,7 @@ static bool serve_channel(struct beep_session *session, struct beep_channel *cha
     channel->bc_rx_queued = static_cast<int32_t>(static_cast<uint32_t>(channel->bc_rx_queued) -
                                                  static_cast<uint32_t>(frame->bf_size));
     if (frame->bf_size > 0) channel_send_seq(session, channel);
+    // A reply that nobody waits for is dropped, but it has made room for what stands behind it: the pass goes on.
     if (frame->bf_type == BEEP_MSGTYPE_MSG || settle_sent(channel, frame)) deliver(session, channel, frame);
     frame_free(frame);
     return true;
@@ -338,6 +340,7 @@ void handle_frame_0(evContext ctx, void *uap, const void *)
     if (evWaitFor(ctx, wait_tag(handle_frame_0), handle_frame_0, session, &session->bs_frame0_wait) < 0)
         beep_trace("handle_frame_0: evWaitFor: %s", strerror(errno));
 
+    // Kept on purpose: messages are served in any status, also before the peer's greeting.
     // A message may end the session and channel 0 with it, so each turn looks for the channel anew.
     for (; channel0; channel0 = beep_find_channel(session, 0)) {
         struct beep_frame *frame = take_chan0_frame(channel0);

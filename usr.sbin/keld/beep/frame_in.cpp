@@ -5,11 +5,12 @@
  * the frame's own block, payload and trailer. A read in header mode takes what the buffer has room for, so it usually brings
  * payload and further lines along; the head parser sorts these out.
  *
- * How this reading differs from RFC 3080, all of it on purpose and marked below: a bad line costs a trace and nothing else;
- * the trailer and the continuation mark are not checked; numbers are cut to their width; ANS and NUL are refused; nothing
- * polices the window. A frame out of sequence, or a line that ends in a bare LF, is not consumed: it is parsed and reported
- * again and again, without a return to the loop, until octets that follow have filled the buffer; the read of no octets that
- * comes then is taken for the end of the stream.
+ * Kept on purpose: this reading differs from RFC 3080. A bad line costs a trace and nothing else, and the next octets are a
+ * new line; the trailer is not looked at and any character passes as continuation mark; numbers are cut to their width and a
+ * channel's to 16 bits; a short line takes what it lacks from the octets behind it; ANS and NUL are refused; nothing polices
+ * the window that the peer was offered. A frame out of sequence, or a line that ends in a bare LF, is not consumed: it is
+ * parsed and reported again and again, without a return to the loop, until octets that follow have filled the buffer; the
+ * read of no octets that comes then is taken for the end of the stream.
  *
  * True between reads:
  *   - bs_hdr to bs_hdr_end are octets not consumed yet, and bs_hdr[BEEP_HEADER_MAX] is zero;
@@ -39,39 +40,40 @@ static const char *skip_space(const char *text)
     return text;
 }
 
-/* Reads a decimal number as a formatted read of a 64-bit long would, clamped to that. Null if there is none. */
-static const char *scan_digits(const char *text, uint64_t limit, bool *negative, uint64_t *value)
+/* Reads a decimal number, clamped to 64 bits with that sign if is_signed. Null if there is none. */
+static const char *scan_digits(const char *text, bool is_signed, uint64_t *value)
 {
     text = skip_space(text);
-    *negative = *text == '-';
+    bool negative = *text == '-';
     if (*text == '-' || *text == '+') text++;
     if (!isdigit(static_cast<unsigned char>(*text))) return nullptr;
 
+    const uint64_t limit = is_signed ? static_cast<uint64_t>(INT64_MAX) + negative : UINT64_MAX;
+    bool clamped = false;
     uint64_t sum = 0;
     for (; isdigit(static_cast<unsigned char>(*text)); text++) {
         uint64_t digit = static_cast<uint64_t>(*text - '0');
-        sum = sum > (limit - digit) / 10 ? limit : sum * 10 + digit;
+        clamped = clamped || sum > (limit - digit) / 10;
+        sum = clamped ? limit : sum * 10 + digit;
     }
-    *value = sum;
+    *value = negative && (is_signed || !clamped) ? 0 - sum : sum;
     return text;
 }
 
-/* %ld and %lu of 32 bits: what does not fit loses its upper half. */
+/* %ld and %lu of 32 bits. Kept on purpose: what does not fit loses its upper half. (Numbers in XML are clamped instead.) */
 static const char *scan_long(const char *text, int32_t *value)
 {
-    bool negative;
-    uint64_t digits;
-    text = text ? scan_digits(text, INT64_MAX, &negative, &digits) : nullptr;
-    if (text) *value = static_cast<int32_t>(static_cast<uint32_t>(negative ? 0 - digits : digits));
+    uint64_t number;
+    text = text ? scan_digits(text, true, &number) : nullptr;
+    if (text) *value = static_cast<int32_t>(static_cast<uint32_t>(number));
     return text;
 }
 
 static const char *scan_unsigned(const char *text, uint32_t *value)
 {
-    bool negative;
-    uint64_t digits;
-    text = text ? scan_digits(text, UINT64_MAX, &negative, &digits) : nullptr;
-    if (text) *value = static_cast<uint32_t>(negative ? 0 - digits : digits);
+    uint64_t number;
+    text = text ? scan_digits(text, false, &number) : nullptr;
+    if (text) *value = static_cast<uint32_t>(number);
     return text;
 }
 
@@ -168,7 +170,7 @@ static size_t begin_frame(struct beep_session *session, const struct head *head,
 {
     struct beep_frame *frame = frame_new(head->type, static_cast<uint16_t>(head->channel), head->msgno, head->more,
                                          head->size, head->ansno, nullptr);
-    frame_insist(frame, "beep_parse_head_for_session", LINE_INSIST_FRAME, "fp != NULL");
+    if (!frame) frame_missing("beep_parse_head_for_session", LINE_INSIST_FRAME, "fp != NULL");
 
     size_t wanted = static_cast<size_t>(head->size) + BEEP_TRAILER_LEN;
     session->bs_rx_frame = frame;
@@ -207,6 +209,7 @@ int beep_parse_head_for_session(struct beep_session *session)
     struct head head = { '\0', ' ', -1, -1, 0, -1, 0 };
     if (parse_line(session, &head)) {
         struct beep_channel *channel = beep_find_channel(session, head.channel);
+        // Kept on purpose: neither skipped nor an error of the session; see the top of this file.
         if (channel && channel->bc_rx_seqno != head.seqno) {
             beep_trace("ERROR: Frame received with unexpected sequence number");
             return 1;
@@ -220,9 +223,8 @@ int beep_parse_head_for_session(struct beep_session *session)
 
 /* --- whole frames --------------------------------------------------------------------------------------------------- */
 
-void frame_insist(const struct beep_frame *frame, const char *function, int line, const char *expression)
+void frame_missing(const char *function, int line, const char *expression)
 {
-    if (frame) return;
     logging_insist(BEEP_SOURCE_UNIT, function, line, expression);
     abort();   // the stream cannot be read on without the frame
 }
@@ -252,7 +254,9 @@ bool frame_validate(const struct beep_frame *frame, struct beep_channel *channel
 
 void channel_send_seq(struct beep_session *session, struct beep_channel *channel)
 {
-    int32_t window = channel->bc_rx_window - channel->bc_rx_queued;
+    // Modulo 2^32 like the sum itself: repeats that are dropped never leave it, so a peer can drive it round.
+    int32_t window = static_cast<int32_t>(static_cast<uint32_t>(channel->bc_rx_window) -
+                                          static_cast<uint32_t>(channel->bc_rx_queued));
     // A failure is traced; the next frame's SEQ makes up for it.
     (void)beep_send_seq(session, channel->bc_number, channel->bc_rx_seqno, window > 0 ? window : 0);
 }
@@ -261,7 +265,8 @@ void frame_complete(struct beep_session *session)
 {
     struct beep_frame *frame = session->bs_rx_frame;
     session->bs_rx_frame = nullptr;
-    frame->bf_data[frame->bf_size] = '\0';   // over the trailer, which is never looked at: kept on purpose
+    // Kept on purpose: the zero goes over the trailer, which nobody looks at.
+    frame->bf_data[frame->bf_size] = '\0';
 
     struct beep_channel *channel = beep_find_channel(session, frame->bf_channel);
     if (!channel) {
@@ -324,11 +329,13 @@ static bool take_header(struct beep_session *session, size_t count)
     size_t held = static_cast<size_t>(session->bs_hdr_end - session->bs_hdr);
     if (!memchr(session->bs_hdr, '\n', held)) {
         if (held >= BEEP_HEADER_MAX) {
+            // Kept on purpose: the rest of the line will be taken for a line of its own.
             beep_trace("header line too long, discarded");
             session->bs_hdr_end = session->bs_hdr;
         }
         return false;
     }
+    // Kept on purpose: a line that was not consumed is parsed again at once, with whatever the next read adds.
     if (beep_parse_head_for_session(session) != 0)
         logging_insist(BEEP_SOURCE_UNIT, "handle_read_event", LINE_INSIST_STATUS, "status == FALSE");
     return true;

@@ -116,7 +116,7 @@ void handle_start_err(struct beep_session *session, struct chan0_msg *msg)
 {
     if (msg->diagnostic)
         beep_trace("cannot start channel %d: [%" PRId32 "] %s", msg->channel, msg->diagnostic->code,
-                   msg->diagnostic->message ? msg->diagnostic->message : "");
+                   msg->diagnostic->message ? msg->diagnostic->message : "(null)");
     else
         beep_trace("cannot start channel %d", msg->channel);
 

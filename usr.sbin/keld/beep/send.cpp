@@ -5,7 +5,8 @@
  * queued. Message numbers are the channel's: MSGs count up from bc_next_msgno, replies carry the number of the MSG that the
  * channel is answering (bc_pending), and the reply marked '.' ends it and lets the next MSG through.
  *
- * SEQ frames do not queue. A channel has at most one unsent, and a newer one overwrites its values.
+ * SEQ frames do not queue. A channel has at most one unsent, and a newer one overwrites its values. One that has left is
+ * kept and used again, so that flow control allocates nothing.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -208,17 +209,18 @@ int beep_send_seq(struct beep_session *session, uint16_t number, uint32_t ackno,
         return -1;
     }
 
-    if (channel->bc_seq_frame) {
-        channel->bc_seq_frame->bf_msgno = static_cast<int32_t>(ackno);
-        channel->bc_seq_frame->bf_ansno = window;
-    } else {
-        channel->bc_seq_frame =
-            frame_new(BEEP_MSGTYPE_SEQ, number, static_cast<int32_t>(ackno), BEEP_MORE_NONE, 0, window, nullptr);
+    if (!channel->bc_seq_frame) {
+        channel->bc_seq_frame = channel->bc_seq_spare;
+        channel->bc_seq_spare = nullptr;
     }
+    if (!channel->bc_seq_frame)
+        channel->bc_seq_frame = frame_new(BEEP_MSGTYPE_SEQ, number, 0, BEEP_MORE_NONE, 0, 0, nullptr);
     if (!channel->bc_seq_frame) {
         beep_trace("beep_send_seq: no memory");
         return -1;
     }
+    channel->bc_seq_frame->bf_msgno = static_cast<int32_t>(ackno);
+    channel->bc_seq_frame->bf_ansno = window;
     beep_enable_write(session);
     return 0;
 }

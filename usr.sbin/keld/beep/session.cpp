@@ -92,8 +92,10 @@ void beep_add_channel(struct beep_session *session, struct beep_channel *channel
 static void keep_half_written_frame(struct beep_session *session, struct beep_channel *channel)
 {
     if (session->bs_iov_index < 0 || !session->bs_iov_frame) return;
-    if (frame_peek(channel->bc_out) != session->bs_iov_frame) return;
-    session->bs_iov_orphan = frame_get(channel->bc_out);
+    if (frame_peek(channel->bc_out) == session->bs_iov_frame)
+        session->bs_iov_orphan = frame_get(channel->bc_out);
+    else if (channel->bc_seq_frame == session->bs_iov_frame)
+        session->bs_iov_frame = nullptr;   // a SEQ is all header, which is the session's
 }
 
 void session_drop_channel(struct beep_session *session, struct beep_channel *channel)

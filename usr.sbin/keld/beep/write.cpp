@@ -4,7 +4,7 @@
  * handle_write makes passes over the channels and sends at most one frame of each in a pass, so that a long reply does not
  * hold the others up. A frame leaves as three writes (header, payload, trailer) that the session's gather list remembers
  * across a transport that is full: bs_iov_index is the write to resume, -1 while no frame is in progress. The registration
- * for writing stands exactly while something may go; a closed window ends it, and the peer's SEQ asks for it again.
+ * for writing ends with a pass in which nothing went; a send, or the peer's SEQ that opens the window, asks for it again.
  *
  * A frame larger than the window goes in pieces. The frame stays on its queue, bf_data and bf_size tell what is left, and
  * every piece but the last is marked '*'.
@@ -139,11 +139,12 @@ static void frame_written(struct beep_session *session, struct beep_channel *cha
     session->bs_iov_orphan = nullptr;
     if (frame->bf_size > 0) return;
 
-    if (frame == channel->bc_seq_frame)
+    if (frame == channel->bc_seq_frame) {
         channel->bc_seq_frame = nullptr;
-    else
-        (void)frame_get(channel->bc_out);
-    frame_free(frame);
+        channel->bc_seq_spare = frame;
+    } else {
+        frame_free(frame_get(channel->bc_out));
+    }
     if (session->bs_close_wait) (void)evDo(session->bs_ev_ctx, wait_tag(close_job));
 }
 
@@ -152,16 +153,17 @@ static enum write_result write_channel(struct beep_session *session, struct beep
     struct beep_frame *frame = channel->bc_seq_frame ? channel->bc_seq_frame : frame_peek(channel->bc_out);
     if (!frame) return WRITE_NOTHING;
     // Kept on purpose: after a full transport the frame in progress is finished, but the frame chosen here, which need not be
-    // the same, is the one that counts as sent: a SEQ is lost so, and a frame that had gone whole leaves again, empty.
+    // the same, is the one that counts as sent: a SEQ is lost so, and a frame that had gone whole leaves again, empty. (A SEQ
+    // that is overwritten while its header is half out leaves with its old values, too.)
     if (session->bs_iov_index < 0 && !prepare_frame(session, channel, frame)) return WRITE_NOTHING;
     if (!write_gathered(session)) return WRITE_STOP;
     frame_written(session, channel, frame);
     return WRITE_SENT;
 }
 
-void handle_write(evContext ctx, void *uap, int, int)
+/* Passes over the channels until nothing goes. True if that is so, false if the transport is full or the session ended. */
+static bool write_passes(struct beep_session *session)
 {
-    auto *session = static_cast<struct beep_session *>(uap);
     bool sent = true;
 
     while (sent) {
@@ -170,10 +172,23 @@ void handle_write(evContext ctx, void *uap, int, int)
             struct beep_channel *channel = session->bs_channels[number];
             if (!channel) continue;
             enum write_result result = write_channel(session, channel);
-            if (result == WRITE_STOP) return;
+            if (result == WRITE_STOP) return false;
             if (result == WRITE_SENT) sent = true;
         }
     }
+    return true;
+}
+
+void handle_write(evContext ctx, void *uap, int, int)
+{
+    auto *session = static_cast<struct beep_session *>(uap);
+
+    // Three writes for each frame, and often a SEQ before it: held back, they reach the peer as one segment and wake it once.
+    if (!session->bs_not_held && evHoldFD(session->bs_fd, true) < 0) session->bs_not_held = true;
+    bool done = write_passes(session);
+    if (!session->bs_not_held) (void)evHoldFD(session->bs_fd, false);   // it could be held, so it can be let go
+    if (!done) return;
+
     (void)evDeselectFD(ctx, session->bs_write_id);
     session->bs_write_id = nullptr;
 }

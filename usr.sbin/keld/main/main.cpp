@@ -78,6 +78,15 @@ static void sigterm_handler(int)
     exit(0);
 }
 
+/* Holds SIGHUP back, or lets it through again. */
+static void hold_sighup(bool hold)
+{
+    sigset_t set;
+    (void)sigemptyset(&set);
+    (void)sigaddset(&set, SIGHUP);
+    (void)sigprocmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
+}
+
 /* Locks the pid file, leaves the foreground unless told not to, and writes the pid. Exits if any of it fails. */
 static void become_daemon(bool stay)
 {
@@ -128,10 +137,12 @@ int main(int argc, char **argv)
 
     if (keld_debug == 0) logging_set_mode(LOGGING_MODE_DAEMON);
     event_open(name, LOG_PID, LOG_DAEMON);
+    hold_sighup(true);   // from when the pid can be read until there is a handler, it would end the process
     become_daemon(options.o_no_daemon > 0);
     keld_trace_init();
     build_context();
     install_handlers();
+    hold_sighup(false);
 
     // Errors in the configuration stop nothing: what could be read is used. Without the stanza no server is tried.
     if (keld_config(0, &current_config) >= 0) keld_arm_retry(keld_evctx, KELD_FIRST_DELAY_S);

@@ -1,9 +1,9 @@
 /*
  * Allocations, counted by the linker's wrapping of malloc, calloc and realloc in all of the program.
  *
- * Engine and peer take turns in one thread, so each call belongs to the frame or message that is under way. Frames come one
- * at a time, as pieces of one endless message, and each is delivered and acknowledged before the next. Of the answers that
- * sent messages need nothing is counted. A first round of each lets queues and pools grow to their size.
+ * Engine and peer take turns in one thread, so each call belongs to the frame or message that is under way. Frames come
+ * one at a time, as pieces of one endless message, and each is delivered and acknowledged before the next. The answers
+ * that sent messages need are not counted. A first round of each lets queues and pools grow to their size.
  */
 #include "bench/usr.sbin/keld/beep/allocations.h"
 

@@ -1,10 +1,10 @@
 /*
  * Benchmark of the BEEP engine: what framing, channels and flow control cost over a plain TCP connection.
  *
- * Each row is measured in turn with its base, several times, and shown with the medians: what disturbs the machine for a
- * while then disturbs both. Only the ratio of the two says something about the engine; the figures alone say as much about
- * the machine. Missing a goal is shown and no failure, since a loaded machine can do that to a row; allocations are
- * counted, not timed, so one too many fails.
+ * Each row is measured in turn with its base, several times, and shown with the medians: what disturbs the machine for
+ * a while then disturbs both. The ratio shown is the median of the ratios. It says something about the engine; the
+ * figures alone say as much about the machine. A goal missed is shown and no failure, since a loaded machine can do
+ * that to a row. Allocations are counted, not timed, so one too many fails.
  */
 #include "bench/usr.sbin/keld/beep/allocations.h"
 #include "bench/usr.sbin/keld/beep/engine_end.h"
@@ -56,8 +56,8 @@ static void measure(const struct row &row)
         ratios[round] = figures[round] / bases[round];
     }
     double ratio = median(ratios);
-    printf("%-42s %10.0f %10.0f %7.3f   at least %.2f%s\n", row.ro_name, median(figures), median(bases), ratio, row.ro_goal,
-           ratio < row.ro_goal ? "   MISSED" : "");
+    printf("%-42s %10.0f %10.0f %7.3f   at least %.2f%s\n", row.ro_name, median(figures), median(bases), ratio,
+           row.ro_goal, ratio < row.ro_goal ? "   MISSED" : "");
     fflush(stdout);
 }
 

@@ -1,9 +1,9 @@
 /*
  * Engine ends: one session in a process, so what the callbacks share is a record of this file.
  *
- * The asking end is driven by its answers: each brings the next MSG. It starts from a waiter of its own, since a channel is
- * only ready after pro_start_confirm has returned. The streaming end keeps a few messages queued and leaves the rest to the
- * transport, as a profile with much to say would.
+ * The asking end is driven by its answers: each brings the next MSG. It starts from a waiter of its own, since a
+ * channel is only ready after pro_start_confirm has returned. The streaming end keeps a few messages queued and leaves
+ * the rest to the transport, as a profile with much to say would.
  */
 #include "bench/usr.sbin/keld/beep/engine_end.h"
 #include "bench/usr.sbin/keld/beep/plain_end.h"
@@ -32,7 +32,7 @@ static void send_next()
     end.sent++;
 }
 
-/* --- callbacks -------------------------------------------------------------------------------------------------------- */
+/* --- callbacks ---------------------------------------------------------------------------------------------- */
 
 static void ask_for_channel(struct beep_session *session)
 {
@@ -100,10 +100,10 @@ static constexpr struct beep_profile profile_of(void (*greeting)(struct beep_ses
 static constexpr struct beep_profile asking = profile_of(ask_for_channel, asking_confirmed, answer_came);
 static constexpr struct beep_profile streaming = profile_of(ask_for_channel, asking_confirmed, last_answer_came);
 static constexpr struct beep_profile probing = profile_of(ask_for_channel, probe_confirmed, probe_frame_came);
-static constexpr struct beep_profile answering = { BENCH_PROFILE_URI, nullptr, accept_channel, nullptr, nullptr, nullptr,
-                                                   message_came, nullptr };
+static constexpr struct beep_profile answering = { BENCH_PROFILE_URI, nullptr, accept_channel, nullptr,
+                                                   nullptr,           nullptr, message_came,   nullptr };
 
-/* --- ends ------------------------------------------------------------------------------------------------------------- */
+/* --- ends --------------------------------------------------------------------------------------------------- */
 
 static void session_ended(struct beep_session *)
 {

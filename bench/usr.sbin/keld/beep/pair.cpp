@@ -1,8 +1,8 @@
 /*
  * Pair: sets up the connection and the two processes, and brings the measured time back through a pipe.
  *
- * The processor is the last one that the program may use; the first is where machines like to put their interrupts. Each
- * process has an alarm, so a protocol that hangs is a failure and not a program that never ends.
+ * The processor is the last one that the program may use; the first is where machines like to put their interrupts.
+ * Each process has an alarm, so a protocol that hangs is a failure and not a program that never ends.
  */
 #include "bench/usr.sbin/keld/beep/pair.h"
 
@@ -37,7 +37,8 @@ void pair_finish()
 {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    double seconds = static_cast<double>(now.tv_sec - begun.tv_sec) + static_cast<double>(now.tv_nsec - begun.tv_nsec) / 1e9;
+    double seconds = static_cast<double>(now.tv_sec - begun.tv_sec);
+    seconds += static_cast<double>(now.tv_nsec - begun.tv_nsec) / 1e9;
     if (write(report_fd, &seconds, sizeof seconds) != sizeof seconds) fail("reporting a time");
     _exit(EXIT_SUCCESS);
 }

@@ -20,9 +20,10 @@ struct load {
 /* One end. fd is connected, blocking, with TCP_NODELAY. The end lives in a process of its own, and may leave it. */
 typedef void (*pair_end)(int fd, const struct load &load);
 
-/* Runs both ends until both processes are gone. The seconds that the measuring end reported. A failure of either, or a
- * silence of PAIR_LIMIT_S, ends the program with a message. */
-enum { PAIR_LIMIT_S = 30 };
+enum { PAIR_LIMIT_S = 30 };   // no end may take longer
+
+/* Runs both ends until both processes are gone. The seconds that the measuring end reported. A failure of either ends
+ * the program with a message. */
 double pair_run(pair_end measuring, pair_end other, const struct load &load);
 
 /* Called by the measuring end as it begins and ends its work; the latter ends its process. */

@@ -1,9 +1,9 @@
 /*
- * Plain ends. Whatever is read is read in pieces of load.octets, by the scripted peer as well, so that all receivers are
- * woken and served alike.
+ * Plain ends. Whatever is read is read in pieces of load.octets, by the scripted peer as well, so that all receivers
+ * are woken and served alike.
  *
- * The scripted peer knows the octets of every frame that is to come, since the engine's headers are a matter of counting.
- * A frame that was cut, joined or repeated would make its sum wrong, and the measure would hang and fail.
+ * The scripted peer knows the octets of every frame that is to come, since the engine's headers are a matter of
+ * counting. A frame that was cut or repeated would make its sum wrong, and the measure would fail.
  */
 #include "bench/usr.sbin/keld/beep/plain_end.h"
 
@@ -81,15 +81,15 @@ void plain_sink(int fd, const struct load &load)
     write_all(fd, "", 1);
 }
 
-/* --- the scripted peer ------------------------------------------------------------------------------------------------ */
+/* --- the scripted peer ---------------------------------------------------------------------------------------- */
 
 static const std::string mime_header = "Content-Type: application/beep+xml\r\n\r\n";
 static const std::string greeting = mime_header + "<greeting/>";
 
 static void write_frame(int fd, const std::string &word_channel_msgno, size_t seqno, const std::string &payload)
 {
-    std::string frame = word_channel_msgno + " . " + std::to_string(seqno) + " " + std::to_string(payload.size()) + "\r\n" +
-                        payload + "END\r\n";
+    std::string frame = word_channel_msgno + " . " + std::to_string(seqno) + " " + std::to_string(payload.size());
+    frame += "\r\n" + payload + "END\r\n";
     write_all(fd, frame.data(), frame.size());
 }
 

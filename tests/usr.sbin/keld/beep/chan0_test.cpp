@@ -42,12 +42,6 @@ static void request(struct beep_session *session, int32_t msgno, char op, uint16
     ASSERT_EQ(bp_queue_put(session->bs_chan0_sent, reinterpret_cast<uintptr_t>(msg)), 0);
 }
 
-static void drop_requests(struct beep_session *session)
-{
-    while (uintptr_t entry = bp_queue_get(session->bs_chan0_sent))
-        chan0_msg_delete(reinterpret_cast<struct chan0_msg *>(entry));
-}
-
 // Each row stands alone, with one <start> for channel 9 on its way as message 5.
 TEST(chan0, texts_and_what_they_say)
 {
@@ -62,26 +56,16 @@ TEST(chan0, texts_and_what_they_say)
         { 'R', 0, " \t\r\n<greeting localize=\"en\" features\n=\n'a\"<b' />\n ", "g 0" },
         { 'R', 0, "<greeting>\x80\xff</greeting >", "g 0" },
         { 'R', 0, "", REFUSED("XML not well formed") },
-        { 'R', 0, MIME, REFUSED("XML not well formed") },
         { 'R', 0, "Content-Type: application/BEEP+xml\r\n\r\n<greeting/>", REFUSED("MIME header not correct.") },
-        { 'R', 0, "Content-Type: application/beep+xml; charset=utf-8\r\n\r\n<greeting/>",
-          REFUSED("MIME header not correct.") },
-        { 'R', 0, "content-type: x\r\n\r\n<greeting/>", REFUSED("does not start with XML tag.") },
         { 'R', 0, "<?xml version='1.0'?><greeting/>", REFUSED("unexpected element.") },
         { 'R', 0, "<!-- c --><greeting/>", REFUSED("XML not well formed") },
         { 'M', 0, "<!x[CDATA[y]]>", "? 0" },   // a bad '!' is printed and otherwise overlooked
         { 'R', 0, "<greeting/>x", REFUSED("trailing garbage") },
-        { 'R', 0, "<greeting/ >", REFUSED("XML parse error") },
-        { 'R', 0, "<greeting></greeting x>", REFUSED("XML parse error") },
         { 'R', 0, "<greeting></start>", REFUSED("Unexpected XML close tag") },
         { 'R', 0, "</greeting>", REFUSED("Unexpected XML close tag") },
-        { 'R', 0, "<greeting", REFUSED("XML not well formed") },
-        { 'R', 0, "<gxeeting/>", REFUSED("unexpected element.") },
         { 'R', 0, "<greeting><start/></greeting>", REFUSED("unexpected element.") },
         { 'R', 0, "<greeting fine='1'/>", REFUSED("greeting, invalid attribute.") },
-        { 'R', 0, "<greeting id='1'/>", REFUSED("greeting, invalid attribute.") },
         { 'R', 0, "<greeting features x='1'/>", REFUSED("greeting, invalid attribute.") },
-        { 'R', 0, "<greeting features=x/>", REFUSED("greeting, invalid attribute.") },
         { 'R', 0, "<greeting\x01/>", REFUSED("non-XML supported character  1") },
         { 'E', 0, "<greeting/>", "-<error> not found in 'E' frame" },
         // <start>
@@ -89,26 +73,18 @@ TEST(chan0, texts_and_what_they_say)
         { 'M', 0, "<start><profile uri='urn:a'/><profile uri='urn:b'/></start>", "s 0 [urn:a] [urn:b]" },
         { 'M', 0, "<start number='70000'/>", "s 4464" },
         { 'M', 0, "<start number='-1'/>", "s 65535" },
-        { 'M', 0, "<start number='x'/>", "s 0" },
-        { 'M', 0, "<start name='1'/>", REFUSED("start, invalid attribute.") },
         { 'M', 0, START("<profile/>"), "-chan0_parse: profile element missing required uri" },
-        { 'M', 0, START("<profile></profile>"), "-chan0_parse: profile element missing required uri" },
-        { 'M', 0, START("<profile uri='a' url='b'/>"), REFUSED("profile, invalid attribute.") },
         { 'M', 0, START(PROFILE("<rpc/>")), "-Programmer error: invalid parse level 2" },
         { 'M', 0, "<profile uri='urn:a'/>", "-Invalid first element 'p' in 'M' frame" },
         // piggybacks: what comes with a CDATA section keeps its opener, what comes without loses an octet
         { 'M', 0, START(PROFILE("<![CDATA[text]]>")), "s 1 [urn:a=<![CDATA[text]" },
         { 'M', 0, START(PROFILE("<![CDATA[<a]b]]c>]]>")), "s 1 [urn:a=<![CDATA[<a]b]]c>]" },
-        { 'M', 0, START(PROFILE("<![CDATA[]]>")), "s 1 [urn:a=<![CDATA[]" },
         { 'M', 0, START(PROFILE("text")), "s 1 [urn:a=tex]" },
-        { 'M', 0, START(PROFILE("t")), "s 1 [urn:a]" },
         { 'M', 0, START(PROFILE("")), "s 1 [urn:a]" },
         { 'M', 0, START(PROFILE("text") "\n\n"), "s 1 [urn:a=tex~<]" },              // counted on behind the element
         { 'M', 0, START(PROFILE("<![CDATA[a]]><![CDATA[>")), "s 1 [urn:a=<![CDATA[a]]><![CD]" },   // the '>' ends it
-        { 'M', 0, START(PROFILE("<![CDXTA[a]]>")), REFUSED("XML not well formed") },
         { 'M', 0, START("<profile uri='a' encoding='base64'>aGVsbG8= </profile>"), "s 1 [a=hello]" },
         { 'M', 0, START("<profile uri='a' encoding='base64'>aGVsbG8=</profile>"), "s 1 [a=hello]" },
-        { 'M', 0, START("<profile encoding='none' uri='a'>aGVsbG8=x</profile>"), "s 1 [a=aGVsbG8=]" },
         { 'M', 0, START("<profile encoding='' uri='a'>aGVsbG8=x</profile>"), "s 1 [a=aGVsbG8=]" },
         // double quotes do not end a uri; the closing tag does, for the first profile of a message
         { 'M', 0, START("<profile uri=\"urn:a\"></profile>"), "s 1 [urn:a]" },
@@ -117,23 +93,17 @@ TEST(chan0, texts_and_what_they_say)
         // <close>
         { 'M', 0, "<close code=\"200\" xml:lang='en' number='7'>bye &lt;now&gt;</close>", "c 7 200 bye <now>" },
         { 'M', 0, "<close code='200'/>", "c 0 200" },
-        { 'M', 0, "<close code='abc'></close>", "c 0 0" },
         { 'M', 0, "<close code='200'>a<profile uri='x'/>b</close>", "c 0 200 a [x]" },
-        { 'M', 0, "<close number='1'/>", "-missing attribute 'code'" },
         { 'M', 0, "<close number='1' code=''/>", "-missing attribute 'code'" },
-        { 'M', 0, "<close text='x'/>", REFUSED("close, invalid attribute.") },
         // <ok/> has the op of <close> and no code: it is never good
         { 'R', 5, "<ok/>", "-missing attribute 'code'" },
         { 'R', 5, MIME " <ok /> ", "-missing attribute 'code'" },
-        { 'M', 5, "<ok/>", "-missing attribute 'code'" },
         { 'E', 5, "<ok/>", "-missing attribute 'code'" },
         { 'R', 5, "<ok></ok>", REFUSED("ok, must be empty tag.") },
         // <error> and other replies, which take what the request knows
         { 'E', 5, "<error code='550' xml:lang='en'>no</error>", "s 9 550 no [urn:p]" },
         { 'E', 6, "<error code='550'/>", "-RPY/ERR to non-existant MSG or out-of-order" },
-        { 'E', 5, "<error code=''/>", "-missing attribute 'code'" },
         { 'E', 5, "<error number='1' code='550'/>", REFUSED("unexpected element.") },
-        { 'E', 5, "<error x:y='1'/>", REFUSED("error, invalid attribute.") },
         { 'E', 5, "<close code='200'/>", "-<error> not found in 'E' frame" },
         { 'R', 5, "<error code='550'/>", "-<error> not in 'E' frame" },
         { 'R', 5, "<profile uri='urn:b'/>", "s 9 [urn:b]" },
@@ -147,7 +117,7 @@ TEST(chan0, texts_and_what_they_say)
         EXPECT_EQ(parsed(&session, row.type, row.msgno, row.text), row.result) << row.text;
         bool answered = row.type != 'M' && row.result.starts_with("s 9");
         EXPECT_EQ(bp_queue_len(session.bs_chan0_sent), answered ? 0 : 1) << row.text;
-        drop_requests(&session);
+        chan0_msg_delete(reinterpret_cast<struct chan0_msg *>(bp_queue_get(session.bs_chan0_sent)));
     }
 
     // replies out of order are refused, and the requests stay; without any request every reply is
@@ -176,12 +146,9 @@ TEST(chan0, texts_written)
     } rows[] = {
         { chan0_fmt_greeting(buf, sizeof buf, table, 2), buf,
           MIME "<greeting>\n<profile uri='urn:frame' /><profile uri='urn:message' /></greeting>" },
-        { chan0_fmt_greeting(buf, sizeof buf, nullptr, 0), buf, MIME "<greeting>\n</greeting>" },
         { chan0_fmt_start(buf, sizeof buf, 65535, table, 2, piggybacks), buf,
           MIME "<start number='-1'>\n<profile uri='urn:frame' />"
                "<profile uri='urn:message' ><![CDATA[<x a='1'>&]]></profile></start>" },
-        { chan0_fmt_start(buf, sizeof buf, 1, table, 1, nullptr), buf,
-          MIME "<start number='1'>\n<profile uri='urn:frame' /></start>" },
         { chan0_fmt_profile(buf, sizeof buf, table, nullptr, 0), buf, "<profile uri='urn:frame' />" },
         { chan0_fmt_profile(buf, sizeof buf, table, "", 1), buf, MIME "<profile uri='urn:frame' ><![CDATA[]]></profile>" },
         { chan0_fmt_error(buf, sizeof buf, 7, nullptr), buf, MIME "<error code='  7' />" },
