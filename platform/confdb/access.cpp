@@ -37,7 +37,8 @@ int ddl_access_open_db(int, const char *, const void *, int, int check)
     }
     db.check = check != 0;
     db.errors = db.objects_out = db.attributes_out = 0;
-    db.tree = conf_load(db.check, db.error, sizeof db.error);
+    const char *file;
+    db.tree = conf_load(db.check, &file, db.error, sizeof db.error);
     return db.tree ? 0 : OPEN_FAILED;
 }
 

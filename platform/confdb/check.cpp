@@ -6,6 +6,7 @@
  */
 #include "platform/confdb/tree.h"
 
+#include "platform/confdb/load.h"
 #include "platform/text/text.h"
 
 static bool object_is_good(const struct ddl_object *object)
@@ -36,11 +37,20 @@ bool conf_check(struct conf_tree *tree, char *error, size_t size)
     return true;
 }
 
-int ddl_access_check_text(const char *file, const char *text, size_t length, char *error, size_t size)
+/* Takes tree, null if it could not be made. 0 or -1. */
+static int check_tree(struct conf_tree *tree, char *error, size_t size)
 {
-    struct conf_tree *tree = conf_parse(file, text, length, error, size);
-    if (!tree) return -1;
-    bool good = conf_check(tree, error, size);
+    bool good = tree && conf_check(tree, error, size);
     conf_tree_free(tree);
     return good ? 0 : -1;
+}
+
+int ddl_access_check_text(const char *file, const char *text, size_t length, char *error, size_t size)
+{
+    return check_tree(conf_parse(file, text, length, error, size), error, size);
+}
+
+int ddl_access_check_candidate(const char **file, char *error, size_t size)
+{
+    return check_tree(conf_load(true, file, error, size), error, size);
 }

@@ -67,7 +67,7 @@ void ddl_access_release(struct ddl_object *object);
 bool ddl_access_attribute_by_aid(struct ddl_object *object, int attribute, struct ddl_attribute *attr);
 bool ddl_access_attribute_by_name(struct ddl_object *object, const char *name, struct ddl_attribute *attr);
 /* Length of the string, which may be size or more (the text is cut to size - 1). Negative if attr holds none, or if the
- * text has control characters; the buffer then holds the empty string. */
+ * text is not UTF-8 or has control characters; the buffer then holds the empty string. */
 int ddl_access_attribute_string(char *buffer, size_t size, const struct ddl_attribute *attr);
 /* True on success: the value is of the kind and within the schema's limits. The target is left alone otherwise, and
  * nothing reported. An address is in network order; a uint may also be an enumerator, which gives its number. */
@@ -77,7 +77,8 @@ bool ddl_access_attribute_ushort(uint16_t *value, const struct ddl_attribute *at
 void ddl_access_attribute_invalidate(struct ddl_attribute *attr);
 
 /* Reports an error against the value, or against the object (null: the database itself, without a place), and counts
- * it. A value that breaks its rule is named with it behind the text: "TEXT: found 'X', expected Y". */
+ * it. A value that breaks its rule is named with it behind the text: "TEXT: found 'X', expected Y". No message shows
+ * a secret. */
 [[gnu::format(printf, 3, 4)]] void ddl_access_attribute_error(struct ddl_object *object,
                                                               const struct ddl_attribute *attr, const char *format,
                                                               ...);
@@ -95,6 +96,8 @@ void ddl_access_debug_emit_leaks(int first, int second);
  * with the first fault in error as "FILE:LINE:COLUMN: found X, expected Y". Opens nothing, and needs nothing to be
  * open. */
 [[nodiscard]] int ddl_access_check_text(const char *file, const char *text, size_t length, char *error, size_t size);
+/* The same for the configuration being checked. *file is its path, a constant, whatever the result. */
+[[nodiscard]] int ddl_access_check_candidate(const char **file, char *error, size_t size);
 enum {
     DDL_ACCESS_TEXT_MAX = 16 << 20,   // octets of a configuration; a longer one is refused
     DDL_ACCESS_ERROR_MAX = 1024,      // room for any error text

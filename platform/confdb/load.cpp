@@ -1,7 +1,8 @@
 /*
  * Loading: reads a configuration file whole, then parses it.
  *
- * A committed configuration is only ever replaced by rename, so the octets read belong together. Only regular files are
+ * keldctl only ever replaces a configuration by rename, so its octets belong together. Whoever writes to the file in
+ * place does not promise that: a file that moved during the reading is read again, a few times. Only regular files are
  * read: a pipe under that name would hold the daemon's one thread for as long as its writer likes.
  */
 #include "platform/confdb/load.h"
@@ -19,12 +20,17 @@
 static constexpr char committed_path[] = "/var/etc/keld.conf";
 static constexpr char candidate_path[] = "/var/etc/keld.conf.candidate";
 
-/* Fills buffer from fd. The octets read, fewer than size if the file ends before; -1 with errno. */
+static constexpr char too_large[] = "longer than 16777216 octets";
+static_assert(DDL_ACCESS_TEXT_MAX == 16777216);
+
+static constexpr int read_tries = 3;
+
+/* Fills buffer from the start of fd. The octets read, fewer than size if the file ends before; -1 with errno. */
 static ssize_t read_whole(int fd, char *buffer, size_t size)
 {
     size_t at = 0;
     while (at < size) {
-        ssize_t got = read(fd, buffer + at, size - at);
+        ssize_t got = pread(fd, buffer + at, size - at, static_cast<off_t>(at));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return -1;
         if (got == 0) break;
@@ -33,35 +39,53 @@ static ssize_t read_whole(int fd, char *buffer, size_t size)
     return static_cast<ssize_t>(at);
 }
 
-/* Why the open file cannot be a configuration, or null. */
-static const char *file_fault(int fd, struct stat *status)
+/* Reads size octets of fd into *text, malloc'ed; null if there were fewer. Null, or why it failed. */
+static const char *read_text(int fd, size_t size, char **text)
 {
-    if (fstat(fd, status) < 0)                  return strerror(errno);
-    if (!S_ISREG(status->st_mode))              return "not a regular file";
-    if (status->st_size > DDL_ACCESS_TEXT_MAX)  return "too large for a configuration";
-    return nullptr;
+    *text = static_cast<char *>(malloc(size + 1));
+    if (!*text) return "out of memory";
+    ssize_t length = read_whole(fd, *text, size);
+    if (length == static_cast<ssize_t>(size)) return nullptr;
+    const char *why = length < 0 ? strerror(errno) : nullptr;
+    free(*text);
+    *text = nullptr;
+    return why;
+}
+
+static bool is_unchanged(const struct stat *before, const struct stat *after)
+{
+    return before->st_size == after->st_size && before->st_mtim.tv_sec == after->st_mtim.tv_sec &&
+           before->st_mtim.tv_nsec == after->st_mtim.tv_nsec;
+}
+
+/* The whole file in *text, malloc'ed, and its length. Null, or why it could not be read. */
+static const char *read_steady(int fd, char **text, size_t *length)
+{
+    struct stat before, after;
+    if (fstat(fd, &before) < 0) return strerror(errno);
+    if (!S_ISREG(before.st_mode)) return "not a regular file";
+    for (int i = 0; i < read_tries; i++, before = after) {
+        if (before.st_size > DDL_ACCESS_TEXT_MAX) return too_large;
+        *length = static_cast<size_t>(before.st_size);
+        const char *why = read_text(fd, *length, text);
+        if (!why && fstat(fd, &after) < 0) why = strerror(errno);
+        if (!why && *text && is_unchanged(&before, &after)) return nullptr;
+        free(*text);
+        if (why) return why;
+    }
+    return "written to while it was read, try again";
 }
 
 static struct conf_tree *parse_file(int fd, const char *path, char *error, size_t size)
 {
-    struct stat status;
-    const char *why = file_fault(fd, &status);
+    char *text = nullptr;
+    size_t length = 0;
+    const char *why = read_steady(fd, &text, &length);
     if (why) {
         (void)snprintf_safe(error, size, "%s: %s", path, why);
         return nullptr;
     }
-    size_t room = static_cast<size_t>(status.st_size);
-    char *text = static_cast<char *>(malloc(room + 1));
-    if (!text) {
-        (void)snprintf_safe(error, size, "%s: out of memory", path);
-        return nullptr;
-    }
-    ssize_t length = read_whole(fd, text, room);
-    struct conf_tree *tree = nullptr;
-    if (length < 0)
-        (void)snprintf_safe(error, size, "%s: %s", path, strerror(errno));
-    else
-        tree = conf_parse(path, text, static_cast<size_t>(length), error, size);
+    struct conf_tree *tree = conf_parse(path, text, length, error, size);
     free(text);
     return tree;
 }
@@ -71,7 +95,7 @@ static int open_file(const char *path)
     return platform_open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY, 0);
 }
 
-struct conf_tree *conf_load(bool check, char *error, size_t size)
+struct conf_tree *conf_load(bool check, const char **file, char *error, size_t size)
 {
     const char *path = check ? candidate_path : committed_path;
     int fd = open_file(path);
@@ -79,6 +103,7 @@ struct conf_tree *conf_load(bool check, char *error, size_t size)
         path = committed_path;
         fd = open_file(path);
     }
+    *file = path;
     if (fd < 0 && errno == ENOENT) {
         (void)snprintf_safe(error, size, "%s: no configuration yet, put one in force with keldctl commit FILE", path);
         return nullptr;

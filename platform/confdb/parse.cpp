@@ -10,6 +10,9 @@
  * with its first token current. False means that the fault has been told and parsing is over: the first fault is the
  * only one.
  *
+ * Messages name the token that they found, but none that stands behind a secret on its line: it may be the rest of one
+ * that lacks its quotes.
+ *
  * The recursion follows the schema: a block is entered only through a keyword that the schema has at this place, so its
  * depth is that of the table, whatever the text holds.
  */
@@ -24,6 +27,7 @@ struct parser {
     struct conf_tree *pa_tree;     // owned until conf_parse returns it
     char *pa_error;                // the caller's; empty while there is no fault
     size_t pa_error_size;
+    uint32_t pa_secret_line;       // of the last secret's value; 0 if there was none
 };
 
 static bool parse_block(struct parser *parser, struct ddl_object *object);
@@ -32,6 +36,11 @@ static bool parse_statement(struct parser *parser, struct ddl_object *object);
 static void next_token(struct parser *parser)
 {
     parser->pa_token = conf_scan(&parser->pa_scanner);
+}
+
+static bool is_text(const struct conf_token *token)
+{
+    return token->ct_kind == CONF_TOKEN_WORD || token->ct_kind == CONF_TOKEN_STRING;
 }
 
 /* The fault that the current token is not what was expected. Always false. */
@@ -43,7 +52,10 @@ static bool fault(struct parser *parser, const char *expected)
                               token->ct_line, token->ct_column);
     char *rest = parser->pa_error + at;
     size_t rest_size = parser->pa_error_size - at;
-    conf_token_name(token, found, sizeof found);
+    if (is_text(token) && token->ct_line == parser->pa_secret_line)
+        (void)snprintf_safe(found, sizeof found, "text behind a secret");
+    else
+        conf_token_name(token, found, sizeof found);
     if (token->ct_kind == CONF_TOKEN_BAD)
         (void)snprintf_safe(rest, rest_size, "%.*s", static_cast<int>(token->ct_text.size()), token->ct_text.data());
     else
@@ -69,11 +81,6 @@ static bool take(struct parser *parser, enum conf_token_kind kind, const char *e
     if (parser->pa_token.ct_kind != kind) return fault(parser, expected);
     next_token(parser);
     return true;
-}
-
-static bool is_text(const struct conf_token *token)
-{
-    return token->ct_kind == CONF_TOKEN_WORD || token->ct_kind == CONF_TOKEN_STRING;
 }
 
 /* The current name or value, kept in the tree; null if memory is out. */
@@ -131,6 +138,7 @@ static bool parse_leaf(struct parser *parser, struct ddl_object *leaf)
     leaf->do_text = keep_text(parser);
     if (!leaf->do_text) return fault_memory(parser);
     leaf->do_line = parser->pa_token.ct_line;
+    if (leaf->do_row->cr_value == CONF_SECRET) parser->pa_secret_line = leaf->do_line;
     leaf->do_column = parser->pa_token.ct_column;
     next_token(parser);
     return take(parser, CONF_TOKEN_SEMICOLON, ";");

@@ -85,15 +85,40 @@ bool conf_row_word(const struct conf_row *row, const char *text, uint32_t *numbe
 
 static constexpr char del_octet = 0x7f;
 
-/* Octets from 0x80 up belong to UTF-8 letters. */
-static bool is_control(char c)
+/* The forms of a character in UTF-8 (RFC 3629): the ranges of its first two octets; further ones are 0x80 to 0xbf. What
+ * no row has is malformed or a control character: U+0080 to U+009F would begin with 0xc2. */
+static constexpr struct utf8_form {
+    unsigned char uf_first_min, uf_first_max, uf_second_min, uf_second_max;
+    size_t uf_octets;
+} utf8_forms[] = {
+    { 0x20, 0x7e, 0, 0, 1 },       { 0xc2, 0xc2, 0xa0, 0xbf, 2 }, { 0xc3, 0xdf, 0x80, 0xbf, 2 },
+    { 0xe0, 0xe0, 0xa0, 0xbf, 3 }, { 0xe1, 0xec, 0x80, 0xbf, 3 }, { 0xed, 0xed, 0x80, 0x9f, 3 },
+    { 0xee, 0xef, 0x80, 0xbf, 3 }, { 0xf0, 0xf0, 0x90, 0xbf, 4 }, { 0xf1, 0xf3, 0x80, 0xbf, 4 },
+    { 0xf4, 0xf4, 0x80, 0x8f, 4 },
+};
+
+static bool is_between(char c, unsigned char min, unsigned char max)
 {
-    return (c >= 0 && c < ' ') || c == del_octet;
+    unsigned char octet = static_cast<unsigned char>(c);
+    return octet >= min && octet <= max;
+}
+
+/* Octets of the character that text begins with; 0 if it is none. Reads no further than the terminator. */
+static size_t character_octets(const char *text)
+{
+    for (const struct utf8_form &form : utf8_forms) {
+        if (!is_between(text[0], form.uf_first_min, form.uf_first_max)) continue;
+        if (form.uf_octets > 1 && !is_between(text[1], form.uf_second_min, form.uf_second_max)) continue;
+        for (size_t i = 2; i < form.uf_octets; i++)
+            if (!is_between(text[i], 0x80, 0xbf)) return 0;
+        return form.uf_octets;
+    }
+    return 0;
 }
 
 bool conf_text_is_safe(const char *text)
 {
-    while (*text != '\0' && !is_control(*text)) text++;
+    while (size_t octets = character_octets(text)) text += octets;
     return *text == '\0';
 }
 
@@ -115,6 +140,16 @@ static bool length_is_good(const struct conf_row *row, const char *text)
 static bool text_is_good(const struct conf_row *row, const char *text)
 {
     return conf_text_is_safe(text) && length_is_good(row, text);
+}
+
+static bool file_name_is_good(const struct conf_row *row, const char *text)
+{
+    return text_is_good(row, text) && !strchr(text, '/') && strcmp(text, ".") != 0 && strcmp(text, "..") != 0;
+}
+
+static bool path_is_good(const struct conf_row *row, const char *text)
+{
+    return text_is_good(row, text) && *text == '/';
 }
 
 static bool file_suffix_is_good(const struct conf_row *row, const char *text)
@@ -197,7 +232,11 @@ static constexpr struct value_kind {
     const char *vk_unit;       // of cr_min and cr_max, which the message then names too; null if it has no limits
 } value_kinds[] = {
     { CONF_NONE, nullptr, "nothing", nullptr },
-    { CONF_TEXT, text_is_good, "text without control characters,", " octets" },
+    { CONF_TEXT, text_is_good, "UTF-8 text without control characters,", " octets" },
+    { CONF_SECRET, text_is_good, "UTF-8 text without control characters,", " octets" },
+    { CONF_FILE_NAME, file_name_is_good, "a file name in UTF-8, without / and control characters and not . or ..,",
+      " octets" },
+    { CONF_PATH, path_is_good, "an absolute path in UTF-8 without control characters,", " octets" },
     { CONF_FILE_SUFFIX, file_suffix_is_good, "letters, digits and : . _ -,", " octets" },
     { CONF_PLAIN_NAME, plain_name_is_good, "letters, digits and / : . _ -,", " octets" },
     { CONF_IPV4, ipv4_is_good, "an IPv4 address", nullptr },
@@ -256,7 +295,10 @@ void conf_value_reason(const struct conf_row *row, const char *text, char *out, 
 {
     const struct value_kind *kind = &value_kinds[row->cr_value];
     char found[CONF_REASON_MAX];
-    conf_quote(text, found, sizeof found);
+    if (row->cr_value == CONF_SECRET)
+        (void)snprintf_safe(found, sizeof found, "a secret of %zu octets", strlen(text));
+    else
+        conf_quote(text, found, sizeof found);
     size_t at = snprintf_safe(out, size, "found %s, expected %s", found, kind->vk_expected);
     if (kind->vk_unit)
         at += snprintf_safe(out + at, size - at, " %u to %u%s", row->cr_min, row->cr_max, kind->vk_unit);

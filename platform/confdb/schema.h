@@ -49,7 +49,10 @@ enum conf_shape : uint8_t {
 /* What a leaf's value or an element's name must be. */
 enum conf_value : uint8_t {
     CONF_NONE,
-    CONF_TEXT,          // no control characters
+    CONF_TEXT,          // UTF-8 without control characters
+    CONF_SECRET,        // the same, shown in no message
+    CONF_FILE_NAME,     // the same, of a file in a folder that is given
+    CONF_PATH,          // the same, from the root folder on
     CONF_FILE_SUFFIX,   // becomes part of a file name: letters, digits, : . _ -
     CONF_PLAIN_NAME,    // becomes part of an XML text as it is: the same and /
     CONF_IPV4,
@@ -94,7 +97,7 @@ bool conf_row_word(const struct conf_row *row, const char *text, uint32_t *numbe
 /* True if text may be the name of an element of the list: not empty, and of the characters that are safe where such
  * names end up. What breaks this is left out by readers. */
 bool conf_name_is_safe(const struct conf_row *list, const char *text);
-/* True if text has no control characters. */
+/* True if text is UTF-8 and has no control characters, those from U+0080 to U+009F included. */
 bool conf_text_is_safe(const char *text);
 /* True if text is of the row's kind and within its limits. */
 bool conf_value_is_good(const struct conf_row *row, const char *text);
@@ -102,7 +105,7 @@ bool conf_value_is_good(const struct conf_row *row, const char *text);
 bool conf_value_number(const struct conf_row *row, const char *text, uint32_t *number);
 
 /* The texts of messages; all are terminated, and cut if size is too small. */
-/* "found 'TEXT', expected WHAT" for a value or name that the row does not take. */
+/* "found 'TEXT', expected WHAT" for a value or name that the row does not take; of a secret the length only. */
 void conf_value_reason(const struct conf_row *row, const char *text, char *out, size_t size);
 /* "one of A, B, }" for what may stand below parent. */
 void conf_expected_keywords(const struct conf_row *parent, char *out, size_t size);

@@ -10,7 +10,9 @@
 #include "platform/log/log.h"
 
 static constexpr uint32_t any_number = UINT32_MAX;
-static constexpr uint32_t name_max = 254;          // client, host and authority names
+static constexpr uint32_t name_max = 254;          // host and authority names
+static constexpr uint32_t file_name_max = 255;
+static constexpr uint32_t client_id_max = file_name_max - (sizeof "sshd_config_obssh." - 1);   // which a client's begins
 static constexpr uint32_t path_max = 1023;
 static constexpr uint32_t trace_size_min = 1024;   // below this a trace file would rotate at every other line
 static constexpr uint32_t trace_size_max = 1u << 30;
@@ -73,7 +75,7 @@ static constexpr struct conf_row rows[] = {
     stanza(CONF_SERVICES, "service-deployment", CONF_DEPLOYMENT),
     stanza(CONF_SERVICES, "outbound-ssh", CONF_OUTBOUND),
 
-    leaf(CONF_DEPLOYMENT, "local-certificate", CONF_TEXT, 1, path_max, 1),
+    leaf(CONF_DEPLOYMENT, "local-certificate", CONF_FILE_NAME, 1, path_max, 1),
     leaf(CONF_DEPLOYMENT, "source-address", CONF_IPV4, 0, 0, 2),
     list(CONF_DEPLOYMENT, "servers", CONF_DEPLOYMENT_SERVER, "address", CONF_IPV4, 0, 3),
     stanza(CONF_DEPLOYMENT, "traceoptions", CONF_TRACE),
@@ -91,11 +93,11 @@ static constexpr struct conf_row rows[] = {
     leaf(CONF_TRACE, "files", CONF_NUMBER, 1, 1000),
 
     leaf(CONF_OUTBOUND, "routing-instance", CONF_TEXT, 0, 129),
-    list(CONF_OUTBOUND, "client", CONF_CLIENT, "client-id", CONF_FILE_SUFFIX, name_max),
+    list(CONF_OUTBOUND, "client", CONF_CLIENT, "client-id", CONF_FILE_SUFFIX, client_id_max),
     stanza(CONF_OUTBOUND, "traceoptions", CONF_TRACE),
 
     leaf(CONF_CLIENT, "device-id", CONF_TEXT, 0, name_max),
-    leaf(CONF_CLIENT, "secret", CONF_TEXT, 0, name_max),
+    leaf(CONF_CLIENT, "secret", CONF_SECRET, 0, name_max),
     stanza(CONF_CLIENT, "keep-alive", CONF_KEEP_ALIVE),
     word(CONF_CLIENT, "reconnect-strategy", strategies),
     word(CONF_CLIENT, "services", ssh_services),
@@ -112,7 +114,7 @@ static constexpr struct conf_row rows[] = {
 
     list(CONF_CERTIFICATES, "certification-authority", CONF_AUTHORITY, "name", CONF_TEXT, name_max),
 
-    leaf(CONF_AUTHORITY, "file", CONF_TEXT, 1, path_max),
+    leaf(CONF_AUTHORITY, "file", CONF_PATH, 1, path_max),
 
     leaf(CONF_INTERFACE, "description", CONF_TEXT, 0, name_max),
     presence(CONF_INTERFACE, "disable"),

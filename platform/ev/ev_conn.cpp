@@ -11,6 +11,7 @@
 #include "platform/ev/ev_private.h"
 
 #include <errno.h>
+#include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -84,10 +85,23 @@ static int conn_start(struct ev_context *ctx, struct ev_conn *conn, int fd, cons
     return -1;
 }
 
+/* True for the address that stands for none. The kernel would take it for this machine and connect to whoever listens. */
+static bool address_is_none(const void *addr, int addr_len)
+{
+    struct sockaddr_in in = {};
+    if (addr_len < static_cast<int>(sizeof in)) return false;
+    memcpy(&in, addr, sizeof in);
+    return in.sin_family == AF_INET && in.sin_addr.s_addr == INADDR_ANY;
+}
+
 int evConnect(evContext ctx, int fd, const void *addr, int addr_len, evConnFunc func, void *uap, evConnID *id)
 {
     if (!func || !addr || addr_len <= 0) {
         errno = EINVAL;
+        return -1;
+    }
+    if (address_is_none(addr, addr_len)) {
+        errno = EADDRNOTAVAIL;
         return -1;
     }
     auto *conn = static_cast<struct ev_conn *>(ev_pool_get(&ctx->cx_conn_pool));

@@ -1,12 +1,13 @@
 /*
- * The pid file: who runs is told by a lock, and only then by the number in the file.
+ * The pid file: who runs is told by locks, and only then by the number in the file.
  *
- * The lock belongs to the open file, not to the process (an "open file description" lock). That is what a daemon needs
- * twice over: it is still held after detaching, when the process that took it is gone, and it can be asked for without
- * being taken, so that an operator's question never makes a daemon fail that starts at that moment.
+ * The locks belong to the open file, not to the process ("open file description" locks). That is what a daemon needs
+ * twice over: they are still held after detaching, when the process that took them is gone, and they can be asked for
+ * without being taken, so that an operator's question never makes a daemon fail that starts at that moment.
  *
- * Between taking the lock and writing the pid the file is empty. A number in a locked file is therefore never that of a
- * former daemon, whose pid may have gone to some other process since.
+ * There are two, on two octets of the file. The first is taken at once and keeps other daemons out. The second is taken
+ * when the pid is written and vouches for it: until then the file may still hold the number of a former daemon, whose
+ * pid may have gone to some other process since. Both end together, with the open file.
  */
 #include "platform/process/process.h"
 
@@ -20,13 +21,20 @@
 static constexpr mode_t PID_FILE_MODE = 0644;
 static constexpr size_t PID_TEXT_SIZE = 24;
 
-/* A lock over the whole file, for fcntl. */
-static struct flock whole_file(void)
+/* The octets that are locked; a file may be locked beyond its end. */
+enum lock_octet : off_t { DAEMON_IS_THERE = 0, PID_IS_WRITTEN = 1 };
+
+/* fcntl of a lock on the octet, with F_OFD_SETLK or F_OFD_GETLK. *held tells for the latter that somebody holds it. */
+static int octet_lock(int fd, int command, enum lock_octet octet, bool *held)
 {
     struct flock lock{};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
-    return lock;
+    lock.l_start = octet;
+    lock.l_len = 1;
+    int result = fcntl(fd, command, &lock);
+    if (held) *held = lock.l_type != F_UNLCK;
+    return result;
 }
 
 /* Closes fd without losing the errno that tells why. */
@@ -43,8 +51,7 @@ int pid_lock(const char *path)
     int fd = platform_open(path, O_RDWR | O_CREAT, PID_FILE_MODE);
     if (fd < 0) return -1;
 
-    struct flock lock = whole_file();
-    if (fcntl(fd, F_OFD_SETLK, &lock) < 0) {
+    if (octet_lock(fd, F_OFD_SETLK, DAEMON_IS_THERE, nullptr) < 0) {
         if (errno == EACCES) errno = EWOULDBLOCK;   // either number may say that it is held
         return fail(fd);
     }
@@ -63,10 +70,10 @@ int pid_update(int fd)
         errno = ENOSPC;
         return -1;
     }
-    return 0;
+    return octet_lock(fd, F_OFD_SETLK, PID_IS_WRITTEN, nullptr);
 }
 
-/* The pid that text holds, or -1 with errno. */
+/* The pid that text holds, or -1 with errno: EAGAIN if it is empty, for the pid is not written yet. */
 static pid_t parse_pid(const char *text)
 {
     char *end;
@@ -78,14 +85,15 @@ static pid_t parse_pid(const char *text)
 
 pid_t pid_read(const char *path)
 {
-    int fd = platform_open(path, O_RDONLY, 0);
+    int fd = platform_open(path, O_RDONLY | O_NONBLOCK, 0);   // a pipe in its place must not hold the caller
     if (fd < 0) return errno == ENOENT ? 0 : -1;
 
-    struct flock lock = whole_file();
-    if (fcntl(fd, F_OFD_GETLK, &lock) < 0) return fail(fd);
+    // The lock first, then the number: what is read is that of its holder, or of a daemon that came after.
+    bool written, there;
+    if (octet_lock(fd, F_OFD_GETLK, PID_IS_WRITTEN, &written) < 0) return fail(fd);
+    if (octet_lock(fd, F_OFD_GETLK, DAEMON_IS_THERE, &there) < 0) return fail(fd);
     char text[PID_TEXT_SIZE] = "";
-    ssize_t length = pread(fd, text, sizeof text - 1, 0);
-    if (length < 0) return fail(fd);
+    if (written && pread(fd, text, sizeof text - 1, 0) < 0) return fail(fd);
     close(fd);
-    return lock.l_type == F_UNLCK ? 0 : parse_pid(text);
+    return written || there ? parse_pid(text) : 0;
 }

@@ -26,7 +26,8 @@ enum { PLATFORM_PATH_MAX = 4096 };
  * process holds it. A child that lives on must close the descriptor, or no new daemon can start before it ends. The
  * file is never removed: the lock, not the file, tells whether a daemon runs. */
 [[nodiscard]] int pid_lock(const char *path);
-/* Writes the calling process's pid, decimal and a line end, in place of what the file held. 0, or -1 with errno. */
+/* Writes the calling process's pid, decimal and a line end, in place of what the file held, and lets pid_read trust it.
+ * Once for each lock. 0, or -1 with errno. */
 [[nodiscard]] int pid_update(int fd);
 /* The pid in the pid file at path if a process holds its lock; 0 if none does, or without such a file; -1 with errno,
  * EAGAIN if the holder has not written its pid yet. Never takes the lock, so a daemon that starts meanwhile does not

@@ -4,9 +4,11 @@
  * A commit has four stages, and a crash or refusal at any point leaves the configuration that was in force, whole:
  *   1. The file is read once and checked: syntax, keywords, names, kinds, limits. A refusal leaves no trace at all.
  *   2. It becomes the candidate, and keld -C, which reads the candidate, has its say. If it refuses, the candidate
- *      stays, so that keldctl check and keld -C show again what is wrong.
- *   3. The committed file gets its second name keld.conf.1. Until the next stage both names are the same file.
- *   4. The candidate is renamed to keld.conf, and the daemon, if one runs, is told with SIGHUP.
+ *      stays, so that keldctl check and keld -C show again what is wrong. If it had no say, the candidate goes.
+ *   3. The committed file gets its second name keld.conf.1, unless it holds the same text: then it is no former one.
+ *      Until the next stage both names are the same file.
+ *   4. The candidate is renamed to keld.conf, and the daemon, if one runs, is told with SIGHUP. From the rename on the
+ *      configuration is in force, so nothing that fails later keeps it from the daemon.
  *
  * Stages 2 to 4 run under a lock, since there is only one candidate. The lock ends with the process.
  */
@@ -21,7 +23,9 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 static constexpr char committed_name[] = "/var/etc/keld.conf";
@@ -52,38 +56,56 @@ static std::string system_path(const char *name)
     _exit(cannot_run);
 }
 
-/* Has keld -C check the candidate, or without one the committed configuration. It prints what it finds. 0 or 1. */
-static int ask_keld()
+enum verdict { ACCEPTED, REFUSED, NOT_JUDGED };
+
+/* Has keld -C check the candidate, or without one the committed configuration. It prints what it finds. What to do about
+ * it is in *advice, unless it accepts. */
+static enum verdict ask_keld(std::string *advice)
 {
     pid_t pid = fork();
     if (pid == 0) become_keld();
     int status = 0;
     while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
-    if (pid < 0) return keldctl_fail("cannot start keld -C (%s), nothing was changed, try again", strerror(errno));
-    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return 0;
-    if (WIFEXITED(status) && WEXITSTATUS(status) == cannot_run)
-        return keldctl_fail("cannot run keld -C, put keld beside keldctl or on PATH");
-    return keldctl_fail("keld -C refuses the configuration, correct what it says above");
+    if (pid < 0)
+        *advice = std::string("cannot start keld -C (") + strerror(errno) + "), try again";
+    else if (WIFSIGNALED(status))
+        *advice = "keld -C was ended by signal " + std::to_string(WTERMSIG(status)) + ", try again";
+    else if (WEXITSTATUS(status) == cannot_run)
+        *advice = "cannot run keld -C, put keld beside keldctl or on PATH";
+    else if (WEXITSTATUS(status) != 0)
+        *advice = "keld -C refuses it, correct what it says above";
+    else
+        return ACCEPTED;
+    bool judged = pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) != cannot_run;
+    return judged ? REFUSED : NOT_JUDGED;
 }
 
-/* The file's text, checked. 0 or 1. */
-static int read_checked(const std::string &file, std::string *text)
+/* The text of an operator's file, checked. 0 or 1. */
+static int read_checked(const char *file, std::string *text)
 {
-    if (!file_read(file, text)) return keldctl_fail("cannot read %s: %s", file.c_str(), strerror(errno));
+    if (!file_read(file, 0, text)) return keldctl_fail("cannot read %s: %s", file, strerror(errno));
     char error[DDL_ACCESS_ERROR_MAX];
-    if (ddl_access_check_text(file.c_str(), text->data(), text->size(), error, sizeof error) < 0)
+    if (ddl_access_check_text(file, text->data(), text->size(), error, sizeof error) < 0)
         return keldctl_fail("%s", error);
+    return 0;
+}
+
+/* The configuration in its place, also by keld -C, which knows no other. 0 or 1. */
+static int check_in_place()
+{
+    const char *file;
+    char error[DDL_ACCESS_ERROR_MAX];
+    if (ddl_access_check_candidate(&file, error, sizeof error) < 0) return keldctl_fail("%s", error);
+    std::string advice;
+    if (ask_keld(&advice) != ACCEPTED) return keldctl_fail("%s: %s", file, advice.c_str());
+    (void)printf("%s: nothing wrong\n", file);
     return 0;
 }
 
 int keldctl_check(const char *file)
 {
     std::string text;
-    if (file) return read_checked(file, &text);   // keld -C knows only the configuration in its place
-    std::string path = system_path(candidate_name);
-    if (access(path.c_str(), F_OK) < 0) path = system_path(committed_name);
-    int failed = read_checked(path, &text);
-    return failed ? failed : ask_keld();
+    return file ? read_checked(file, &text) : check_in_place();
 }
 
 /* A descriptor that holds the lock of commits until the process ends; -1 after telling why not. */
@@ -99,30 +121,67 @@ static int lock_commits()
     return -1;
 }
 
-static int put_in_force()
+/* The daemon's pid, as pid_read. A daemon that is just starting is given a second to write it. */
+static pid_t daemon_pid()
 {
-    std::string committed = system_path(committed_name);
-    if (!file_keep(committed, system_path(former_name)))
-        return keldctl_fail("cannot keep the former configuration as %s (%s), nothing was changed", former_name,
-                            strerror(errno));
-    if (!file_move(system_path(candidate_name), committed))
-        return keldctl_fail("cannot put %s in place of %s (%s), commit again", candidate_name, committed_name,
-                            strerror(errno));
-    return 0;
+    static constexpr struct timespec pause = { 0, 100'000'000 };
+    for (int tries = 10;; tries--) {
+        pid_t pid = pid_read(pid_name);
+        if (pid >= 0 || errno != EAGAIN || tries == 0) return pid;
+        (void)nanosleep(&pause, nullptr);   // a signal only makes the pause shorter
+    }
 }
 
 static int tell_daemon()
 {
-    pid_t pid = pid_read(pid_name);
-    if (pid > 0 && kill(pid, SIGHUP) == 0) {
+    pid_t pid = daemon_pid();
+    if (pid > 0 && kill(pid, SIGHUP) == 0)
         (void)printf("committed, keld (pid %d) reads it now\n", static_cast<int>(pid));
-        return 0;
-    }
-    if (pid == 0 || (pid > 0 && errno == ESRCH)) {
+    else if (pid == 0 || (pid > 0 && errno == ESRCH))
         (void)printf("committed, keld is not running\n");
-        return 0;
-    }
-    return keldctl_fail("committed, but keld could not be told (%s), send it SIGHUP", strerror(errno));
+    else if (pid < 0 && errno == EAGAIN)
+        (void)printf("committed, keld is starting and will read it\n");
+    else
+        return keldctl_fail("committed, but keld could not be told (%s), send it SIGHUP", strerror(errno));
+    return 0;
+}
+
+/* True if text is what is in force: then the former configuration is another, and stays. */
+static bool is_in_force(const std::string &committed, const std::string &text)
+{
+    struct stat status;
+    std::string now;
+    return stat(committed.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+           file_read(committed, O_NONBLOCK | O_NOCTTY, &now) && now == text;
+}
+
+/* The candidate, which holds text, becomes the committed configuration. 0 or 1. */
+static int put_in_force(const std::string &text)
+{
+    std::string committed = system_path(committed_name);
+    if (!is_in_force(committed, text) && !file_keep(committed, system_path(former_name)))
+        return keldctl_fail("cannot keep the former configuration as %s (%s), the new one stays as %s, commit again",
+                            former_name, strerror(errno), candidate_name);
+    if (rename(system_path(candidate_name).c_str(), committed.c_str()) < 0)
+        return keldctl_fail("cannot put %s in place of %s (%s), commit again", candidate_name, committed_name,
+                            strerror(errno));
+    int unsure = file_sync_name(committed) ? 0 : errno;
+    int failed = tell_daemon();
+    if (unsure == 0) return failed;
+    return keldctl_fail("it is in force, but a loss of power could undo it (%s), commit again", strerror(unsure));
+}
+
+/* Text as the candidate, judged by keld -C. 0 or 1; one that was not judged goes, since nothing is wrong with it. */
+static int make_candidate(const char *file, const std::string &text)
+{
+    std::string candidate = system_path(candidate_name);
+    if (!file_replace(candidate, text)) return keldctl_fail("cannot write %s: %s", candidate_name, strerror(errno));
+    std::string advice;
+    enum verdict verdict = ask_keld(&advice);
+    if (verdict == ACCEPTED) return 0;
+    if (verdict == REFUSED) return keldctl_fail("%s: %s, it stays as %s", file, advice.c_str(), candidate_name);
+    (void)unlink(candidate.c_str());   // one that stays is checked next, and says so
+    return keldctl_fail("%s: %s, it was not put in force", file, advice.c_str());
 }
 
 int keldctl_commit(const char *file)
@@ -131,12 +190,8 @@ int keldctl_commit(const char *file)
     if (read_checked(file, &text)) return 1;
     int lock = lock_commits();
     if (lock < 0) return 1;
-    int failed = 0;
-    if (!file_replace(system_path(candidate_name), text))
-        failed = keldctl_fail("cannot write %s: %s", candidate_name, strerror(errno));
-    if (!failed) failed = ask_keld();
-    if (!failed) failed = put_in_force();
-    if (!failed) failed = tell_daemon();
+    int failed = make_candidate(file, text);
+    if (!failed) failed = put_in_force(text);
     (void)close(lock);
     return failed;
 }

@@ -25,20 +25,18 @@ static bool fail_closed(int fd)
     return false;
 }
 
-bool file_read(const std::string &path, std::string *text)
+bool file_read(const std::string &path, int flags, std::string *text)
 {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
     if (fd < 0) return false;
     text->clear();
     char piece[16 * 1024];
-    ssize_t got;
-    while ((got = read(fd, piece, sizeof piece)) != 0) {
+    while (text->size() <= DDL_ACCESS_TEXT_MAX) {
+        ssize_t got = read(fd, piece, sizeof piece);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return fail_closed(fd);
+        if (got == 0) break;
         text->append(piece, static_cast<size_t>(got));
-        if (text->size() <= DDL_ACCESS_TEXT_MAX) continue;
-        errno = EFBIG;
-        return fail_closed(fd);
     }
     (void)close(fd);   // it was only read
     return true;
@@ -63,7 +61,7 @@ static bool write_new(const std::string &path, const std::string &text)
     return close(fd) == 0;
 }
 
-static bool sync_folder_of(const std::string &path)
+bool file_sync_name(const std::string &path)
 {
     std::string folder = path.substr(0, path.rfind('/') + 1);
     int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -72,15 +70,10 @@ static bool sync_folder_of(const std::string &path)
     return close(fd) == 0;
 }
 
-bool file_move(const std::string &from, const std::string &to)
-{
-    return rename(from.c_str(), to.c_str()) == 0 && sync_folder_of(to);
-}
-
 bool file_replace(const std::string &path, const std::string &text)
 {
     std::string temporary = path + ".tmp";
-    if (write_new(temporary, text) && file_move(temporary, path)) return true;
+    if (write_new(temporary, text) && rename(temporary.c_str(), path.c_str()) == 0) return true;
     int error = errno;
     (void)unlink(temporary.c_str());
     errno = error;
@@ -92,7 +85,7 @@ bool file_keep(const std::string &path, const std::string &copy)
     std::string temporary = copy + ".tmp";
     (void)unlink(temporary.c_str());
     if (link(path.c_str(), temporary.c_str()) < 0) return errno == ENOENT;
-    bool kept = file_move(temporary, copy);
+    bool kept = rename(temporary.c_str(), copy.c_str()) == 0 && file_sync_name(copy);
     int error = errno;
     (void)unlink(temporary.c_str());   // still there if both were names of one file already: rename then does nothing
     errno = error;

@@ -2,7 +2,7 @@
  * keldctl: the operator's tool.
  *
  * A command is a row: its word, how many arguments it takes, and its function. Whatever does not fit a row gets one
- * line that names the word and points to the help.
+ * line that names the word and points to the help. A wish for help is met wherever it stands.
  */
 #include "tools/keldctl/keldctl.h"
 
@@ -12,11 +12,13 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
+
 static constexpr char help_text[] =
     "usage: keldctl check [FILE]   check FILE, or the candidate or committed configuration\n"
     "       keldctl commit FILE    check FILE and put it in force\n"
     "       keldctl version        print the release\n"
-    "       keldctl --help         print this\n";
+    "       keldctl --help, -h     print this\n";
 
 int keldctl_fail(const char *format, ...)
 {
@@ -35,9 +37,9 @@ static int print_version(const char *)
     return 0;
 }
 
-static int print_help(const char *)
+static bool is_help(const char *argument)
 {
-    return fputs(help_text, stdout) < 0;
+    return strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0;
 }
 
 static constexpr struct command {
@@ -48,12 +50,12 @@ static constexpr struct command {
     { "check", 0, 1, keldctl_check },
     { "commit", 1, 1, keldctl_commit },
     { "version", 0, 0, print_version },
-    { "--help", 0, 0, print_help },
 };
 
 int main(int argc, char **argv)
 {
     if (argc < 2) return keldctl_fail("no command, try keldctl --help");
+    if (std::any_of(argv + 1, argv + argc, is_help)) return fputs(help_text, stdout) < 0;
     int arguments = argc - 2;
     for (const struct command &command : commands) {
         if (strcmp(command.cm_word, argv[1]) != 0) continue;

@@ -105,7 +105,7 @@ static int read_server(struct ddl_object *element, struct keld_config_data *conf
     }
     int bad = 0;
     if (!ddl_access_attribute_ipv4addr(&server->ks_addr, &attr)) {
-        // Kept on purpose: the record stays in the ring with address 0, so the servers behind it keep their places.
+        // Kept on purpose: the record stays in the ring, with address 0.
         ddl_access_attribute_error(element, &attr, "unable to extract server address as ipv4");
         bad = 1;
     }

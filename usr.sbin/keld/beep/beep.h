@@ -1,13 +1,14 @@
 /*
- * BEEP engine: one session of RFC 3080 framing with channel 0 management over one connected stream, with the flow control
- * of RFC 3081. It differs from the RFCs at a number of places on purpose, marked "Kept on purpose:" where they stand.
+ * BEEP engine: one session of RFC 3080 framing with channel 0 management over one connected stream, with the flow
+ * control of RFC 3081. It differs from the RFCs at a number of places on purpose, marked "Kept on purpose:" where
+ * they stand.
  *
  * How it hangs together
  *   - Sending only queues: a send function copies its payload into a frame on the channel and asks for write readiness.
  *     handle_write does all writing, from the loop.
- *   - Reading only queues: handle_read_event splits the stream into frames and puts them on their channels. Parsing channel
- *     0 and calling profiles wait for the loop's next turn (handle_frame_0, handle_frame_non0), so that a profile callback
- *     may send, start and stop as it likes.
+ *   - Reading only queues: handle_read_event splits the stream into frames and puts them on their channels. Parsing
+ *     channel 0 and calling profiles wait for the loop's next turn (handle_frame_0, handle_frame_non0), so that a
+ *     profile callback may send, start and stop as it likes.
  *   - A profile callback and the close callback must not delete the session.
  *
  * Results: 0 or a count on success, -1 or 1 on failure as told at each function; the reason goes to the trace, class 0.
@@ -62,8 +63,8 @@ struct beep_frame {
     char bf_payload[];     // bf_size octets, room for the trailer, and a zero
 };
 
-/* A frame with the given fields and a zeroed payload of size octets, filled from data unless that is null. Null if memory is
- * out. size is not negative. */
+/* A frame with the given fields and a zeroed payload of size octets, filled from data unless that is null. Null if
+ * memory is out. size is not negative. */
 [[nodiscard]] struct beep_frame *frame_new(char type, uint16_t channel, int32_t msgno, char more, int32_t size,
                                            int32_t ansno, const void *data);
 void frame_free(struct beep_frame *frame);   // null allowed
@@ -80,13 +81,15 @@ struct beep_start_reply {
     char *br_piggyback;      // malloc'ed text, or null; the engine frees it
 };
 
-/* One row of the table that a session is given. Zero the row, then let the profile fill it. The session keeps a pointer to
- * the table, which must outlive it. data of a piggyback has length octets and no terminator; null if there is none. */
+/* One row of the table that a session is given. Zero the row, then let the profile fill it. The session keeps a
+ * pointer to the table, which must outlive it. data of a piggyback has length octets and no terminator; null if there
+ * is none. */
 struct beep_profile {
     const char *pro_uri;
     /* The peer's greeting made the session ready. Null allowed. */
     void (*pro_greeting)(struct beep_session *session);
-    /* The peer asks for a channel of this profile. Non-zero accepts; null refuses. Lends channel, which becomes usable after the return. */
+    /* The peer asks for a channel of this profile. Non-zero accepts; null refuses. Lends channel, which becomes
+     * usable after the return. */
     uint8_t (*pro_start_indicate)(const char *data, int32_t length, struct beep_channel *channel,
                                   struct beep_start_reply *reply);
     /* The peer confirmed a <start> from here. Zero, or null, gives the channel up again, and the peer is not told. */
@@ -95,8 +98,8 @@ struct beep_profile {
     void (*pro_start_fail)(const struct beep_diagnostic *diagnostic);
     /* The channel is being deleted. Frees user_data. Null allowed. */
     void (*pro_stop)(void *user_data);
-    /* Each frame as it comes, or, if this is null, each whole message. Lends frame until the return; its payload is followed
-     * by a zero. The result is not used. */
+    /* Each frame as it comes, or, if this is null, each whole message. Lends frame until the return; its payload is
+     * followed by a zero. The result is not used. */
     int (*pro_frame)(struct beep_session *session, void *user_data, struct beep_frame *frame);
     int (*pro_message)(struct beep_session *session, void *user_data, struct beep_frame *frame);
 };
@@ -131,7 +134,8 @@ struct beep_channel {
     uint32_t bc_tx_seqno;         // sequence number of the next octet to send
     uint32_t bc_tx_limit;         // first sequence number that the peer does not allow yet
     uintptr_t bc_pending;         // channel 0: chan0_msg of the <close> being worked on, owned, or 0;
-                                  // otherwise the number of the MSG being answered, sign-extended, or BEEP_NOTHING_PENDING
+                                  // otherwise the number of the MSG being answered, sign-extended, or
+                                  // BEEP_NOTHING_PENDING
     struct beep_frame *bc_seq_frame;     // the one unsent SEQ, owned, or null
     struct bp_queue *bc_in;              // received frames not delivered yet; owned, and the frames too
     struct bp_queue *bc_out;             // frames to be sent; owned, and the frames too
@@ -181,7 +185,7 @@ struct beep_session {
 
     struct beep_frame *bs_iov_frame;            // whose payload bs_iov points into; null while no frame is written
     struct beep_frame *bs_iov_orphan;           // the same, owned, once its channel has gone
-    struct beep_close_job *bs_close_job;        // the <close> of the peer that waits for queues to drain; owned, or null
+    struct beep_close_job *bs_close_job;        // the peer's <close> that waits for queues to drain; owned, or null
     bool bs_not_held;                           // bs_fd is no TCP socket, so that writes cannot be held back
     struct beep_channel *bs_orphans;            // channels that lost their number, owned until the session goes
 };
@@ -196,8 +200,8 @@ struct beep_session {
 /* Frees the session, its channels (pro_stop is called) and frames. The creator must call it, also after the close
  * callback ran; never from inside a callback of the engine. fd and transport stay the caller's. */
 void beep_session_delete(struct beep_session *session);
-/* cb is called once when the session has ended and its channels are gone; it must not delete the session. Without one the
- * session only stops reading and writing. */
+/* cb is called once when the session has ended and its channels are gone; it must not delete the session. Without one
+ * the session only stops reading and writing. */
 void beep_set_session_close_cb(struct beep_session *session, beep_session_close_cb cb);
 /* A BEEP_STATE_ character; 'E' also for null. */
 char beep_get_session_status(const struct beep_session *session);
@@ -215,18 +219,19 @@ struct beep_channel *beep_find_channel(const struct beep_session *session, int32
 /* Frees the record, its frames and queues, and calls pro_stop. It must not be in a table any more. */
 void channel_delete(struct beep_channel *channel);
 
-/* --- sending: 0 on success unless told, -1 on failure with nothing queued ------------------------------------------ */
+/* --- sending: 0 on success unless told, -1 on failure with nothing queued --------------------------------------- */
 
 /* One MSG of one frame, on a channel that is ready. iov's octets are copied, in all functions here. */
 [[nodiscard]] int beep_send_msg(struct beep_session *session, uint16_t channel, const struct iovec *iov, int iov_count);
-/* One RPY frame for the MSG being answered. msgno is its number, or -1 for whichever it is. more is '.', which ends the MSG,
- * or '*'. */
+/* One RPY frame for the MSG being answered. msgno is its number, or -1 for whichever it is. more is '.', which ends
+ * the MSG, or '*'. */
 [[nodiscard]] int beep_send_rpy(struct beep_session *session, uint16_t channel, int32_t msgno, char more,
                                 const struct iovec *iov, int iov_count);
 /* An ERR frame, which ends the MSG. diagnostic must not be null. */
 [[nodiscard]] int beep_send_err(struct beep_session *session, uint16_t channel, int32_t msgno,
                                 const struct beep_diagnostic *diagnostic);
-/* Queues a frame of any type on a channel record. msgno -1 takes the next number for a MSG. The message number or -1. */
+/* Queues a frame of any type on a channel record. msgno -1 takes the next number for a MSG. The message number or -1.
+ * */
 [[nodiscard]] int32_t beep_send_iovec(struct beep_session *session, struct beep_channel *channel, char type,
                                       int32_t msgno, char more, const struct iovec *iov, int iov_count);
 /* The same for one piece, by channel number, with an answer number. size is not negative. The message number or -1. */
@@ -236,7 +241,7 @@ void channel_delete(struct beep_channel *channel);
 int beep_send_seq(struct beep_session *session, uint16_t channel, uint32_t ackno, int32_t window);
 void beep_enable_write(struct beep_session *session);
 
-/* --- channels and session: start and close ------------------------------------------------------------------------- */
+/* --- channels and session: start and close ---------------------------------------------------------------------- */
 
 /* Asks the peer for a channel of one of the count profiles. piggybacks is null, or count texts, which may be null. The
  * number that the channel will have, or -1. The channel exists when pro_start_confirm is called. */

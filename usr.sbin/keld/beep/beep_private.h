@@ -23,7 +23,8 @@ void beep_trace_octets(const char *label, const void *data, size_t length);
 
 /* Ends a session: deletes all channels, then calls the close callback, or, without one, stops reading and writing. */
 void session_closed(struct beep_session *session);
-/* Clears the channel's slot and deletes it. A frame of it that is half written stays with the session until it is out. */
+/* Clears the channel's slot and deletes it. A frame of it that is half written stays with the session until it is
+ * out. */
 void session_drop_channel(struct beep_session *session, struct beep_channel *channel);
 /* beep_add_channel that says whether the channel, which it takes in any case, is in the table now. */
 [[nodiscard]] bool session_add_channel(struct beep_session *session, struct beep_channel *channel);
@@ -64,7 +65,7 @@ static inline struct chan0_msg *channel0_pending(const struct beep_channel *chan
     return reinterpret_cast<struct chan0_msg *>(channel0->bc_pending);
 }
 
-/* --- deferred jobs, each its own wait tag, and loop handlers ------------------------------------------------------- */
+/* --- deferred jobs, each its own wait tag, and loop handlers ---------------------------------------------------- */
 
 void handle_read_event(evContext ctx, void *session, int fd, int events);
 void handle_write(evContext ctx, void *session, int fd, int events);
@@ -80,7 +81,8 @@ static inline const void *wait_tag(evWaitFunc handler)
 
 /* --- input ------------------------------------------------------------------------------------------------------ */
 
-/* Parses the line at the start of the header buffer. 0 if it was consumed, used or thrown away; 1 if it still stands. */
+/* Parses the line at the start of the header buffer. 0 if it was consumed, used or thrown away; 1 if it still stands.
+ * */
 int beep_parse_head_for_session(struct beep_session *session);
 /* bs_rx_frame is whole: checks it and puts it on its channel, or frees it. */
 void frame_complete(struct beep_session *session);
@@ -89,19 +91,19 @@ bool frame_validate(const struct beep_frame *frame, struct beep_channel *channel
 /* Offers the peer what room the channel's queue leaves. */
 void channel_send_seq(struct beep_session *session, struct beep_channel *channel);
 
-/* Takes a whole message off queue as one frame, the caller's. Null if there is none: with strict the frames of one that has
- * not come whole are back on the queue, and those of one that cannot be joined are lost. */
+/* Takes a whole message off queue as one frame, the caller's. Null if there is none: with strict the frames of one
+ * that has not come whole are back on the queue, and those of one that cannot be joined are lost. */
 struct beep_frame *frame_aggregate(struct bp_queue *queue, int strict);
 /* The same with head, which it takes, as the message's first part, or null. */
 struct beep_frame *beep_frame_aggregate_internal(struct bp_queue *queue, struct beep_frame *head, int strict);
-/* Joins frames of bc_in to *frame until it holds the whole MIME header, if there is one. Non-zero if *frame is ready; 0 if
- * it went back to the queue. */
+/* Joins frames of bc_in to *frame until it holds the whole MIME header, if there is one. Non-zero if *frame is ready;
+ * 0 if it went back to the queue. */
 int beep_frame_reassemble(struct beep_channel *channel, struct beep_frame **frame);
 
 /* No memory for a frame that cannot be done without: logs the insist line of the place and ends the process. */
 [[noreturn]] void frame_missing(const char *function, int line, const char *expression);
 
-/* --- channel management, called for channel 0 messages. msg stays the caller's ------------------------------------ */
+/* --- channel management, called for channel 0 messages. msg stays the caller's ---------------------------------- */
 
 void channel_start_indicate(struct beep_session *session, struct chan0_msg *msg);
 void channel_start_confirm(struct beep_session *session, struct chan0_msg *msg);

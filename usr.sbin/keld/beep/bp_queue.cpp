@@ -4,10 +4,11 @@
  * True between calls:
  *   - following next from head, the first count nodes are used and the others are not;
  *   - the ring is closed: capacity steps along next lead back to the start;
- *   - tail is the newest entry's node, or, in an empty queue, the node before head (in a fresh one, the first node made).
+ *   - tail is the newest entry's node, or, in an empty queue, the node before head (in a fresh one, the first node
+ *     made).
  *
- * A put takes the node behind tail, so a fresh queue's first entry lands in the second node. The ring only grows, between
- * tail and head, and entries never move.
+ * A put takes the node behind tail, so a fresh queue's first entry lands in the second node. The ring only grows,
+ * between tail and head, and entries never move.
  */
 #include "usr.sbin/keld/beep/bp_queue.h"
 
@@ -77,8 +78,8 @@ int bp_queue_put(struct bp_queue *queue, uintptr_t value)
     return 0;
 }
 
-/* Doubles a full ring. 0, or 1 if the ring is not full or memory ran out; the nodes made before that stay, in a ring that
- * is closed all the same. */
+/* Doubles a full ring. 0, or 1 if the ring is not full or memory ran out; the nodes made before that stay, in a ring
+ * that is closed all the same. */
 static int queue_grow(struct bp_queue *queue)
 {
     if (queue->tail->next != queue->head) return 1;

@@ -1,8 +1,8 @@
 /*
  * Pointer queue: first in, first out, of machine words (pointers or small numbers).
  *
- * The words lie on a ring of nodes that are made ahead and reused for ever after: put and get allocate nothing until the
- * ring is full. The queue never looks at what a word means, and owns none. A stored 0 reads like "empty".
+ * The words lie on a ring of nodes that are made ahead and reused for ever after: put and get allocate nothing until
+ * the ring is full. The queue never looks at what a word means, and owns none. A stored 0 reads like "empty".
  */
 #pragma once
 

@@ -1,6 +1,7 @@
 /*
- * Channel 0 messages: <greeting>, <start>, <profile>, <close>, <ok/> and <error> (RFC 3080) as records, as text written
- * and as text scanned. The scanner knows exactly this vocabulary and is no XML parser; chan0_scan.cpp tells how it reads.
+ * Channel 0 messages: <greeting>, <start>, <profile>, <close>, <ok/> and <error> (RFC 3080) as records, as text
+ * written and as text scanned. The scanner knows exactly this vocabulary and is no XML parser; chan0_scan.cpp tells
+ * how it reads.
  */
 #pragma once
 
@@ -63,8 +64,9 @@ void chan0_msg_delete(struct chan0_msg *msg);
  * Null if the frame is not acceptable or memory is out: the reason is a development print, the session is unchanged. */
 [[nodiscard]] struct chan0_msg *chan0_msg_parse(struct beep_session *session, struct beep_frame *frame);
 
-/* The formatters write into buf of size octets, terminated, and cut what does not fit. The octets written, without the
- * terminator. Nothing is escaped. profiles is a table of count rows; piggybacks count texts, null or with null entries. */
+/* The formatters write into buf of size octets, terminated, and cut what does not fit. The octets written, without
+ * the terminator. Nothing is escaped. profiles is a table of count rows; piggybacks count texts, null or with null
+ * entries. */
 size_t chan0_fmt_greeting(char *buf, size_t size, const struct beep_profile *profiles, int count);
 size_t chan0_fmt_start(char *buf, size_t size, uint16_t channel, const struct beep_profile *profiles, int count,
                        const char *const *piggybacks);

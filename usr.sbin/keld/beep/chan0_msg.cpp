@@ -1,8 +1,8 @@
 /*
  * Channel 0 messages as records, and as text written.
  *
- * A record owns all that hangs on it; copies are deep. The formatters write what a <greeting> and its kin look like on the
- * wire, into a buffer of fixed size, and escape nothing: what they are given must be fit for XML.
+ * A record owns all that hangs on it; copies are deep. The formatters write what a <greeting> and its kin look like
+ * on the wire, into a buffer of fixed size, and escape nothing: what they are given must be fit for XML.
  */
 #include "platform/text/text.h"
 #include "usr.sbin/keld/beep/beep_private.h"

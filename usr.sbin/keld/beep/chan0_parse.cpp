@@ -1,10 +1,11 @@
 /*
- * From an octet payload to a channel 0 message: what the scanner found becomes a record of its own, and a reply is matched
- * with the request that it answers.
+ * From an octet payload to a channel 0 message: what the scanner found becomes a record of its own, and a reply is
+ * matched with the request that it answers.
  *
- * Replies come in the order of their requests, so only the oldest entry of bs_chan0_sent can match; a reply to anything else is
- * refused and the entry stays. Kept on purpose: <ok/> has the op of <close> but cannot have its code, and is refused before it
- * is matched; the entry of a <close> from here therefore stays at the head and every later reply on channel 0 is refused.
+ * Replies come in the order of their requests, so only the oldest entry of bs_chan0_sent can match; a reply to
+ * anything else is refused and the entry stays. Kept on purpose: <ok/> has the op of <close> but cannot have its
+ * code, and is refused before it is matched; the entry of a <close> from here therefore stays at the head and every
+ * later reply on channel 0 is refused.
  */
 #include "platform/text/text.h"
 #include "usr.sbin/keld/beep/beep_private.h"
@@ -44,8 +45,8 @@ static bool take_diagnostic(struct scan *s, struct chan0_msg *msg)
     return msg->diagnostic != nullptr;
 }
 
-/* Decodes the piggybacks that came in base64, in place and up to a zero; one with other octets is dropped. That the last group
- * is whole is not asked for: the octet that a closing tag takes off is often the padding's. */
+/* Decodes the piggybacks that came in base64, in place and up to a zero; one with other octets is dropped. That the
+ * last group is whole is not asked for: the octet that a closing tag takes off is often the padding's. */
 static void decode_piggybacks(struct chan0_profile *profile)
 {
     for (; profile; profile = profile->next) {

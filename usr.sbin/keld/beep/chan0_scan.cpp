@@ -1,10 +1,12 @@
 /*
- * Scanner of channel 0 messages: one pass over the payload, a stack of states, no allocation but a record for each profile.
+ * Scanner of channel 0 messages: one pass over the payload, a stack of states, no allocation but a record for each
+ * profile.
  *
- * It knows <greeting>, <start>, <profile>, <close>, <ok> and <error> and their attributes, and nothing else of XML. Each octet
- * goes to the state on top of the stack. A state may replace itself, or push states that run first and pop themselves. The
- * three targets say what becomes of the next value: where its octets are counted, where its offset in the payload goes, and
- * where its address goes. Values are made into strings in place, by a zero over the octet behind them.
+ * It knows <greeting>, <start>, <profile>, <close>, <ok> and <error> and their attributes, and nothing else of XML.
+ * Each octet goes to the state on top of the stack. A state may replace itself, or push states that run first and pop
+ * themselves. The three targets say what becomes of the next value: where its octets are counted, where its offset in
+ * the payload goes, and where its address goes. Values are made into strings in place, by a zero over the octet
+ * behind them.
  *
  * After a fault the top state is FAILED and stays so; a message is good if the last octet leaves EPILOG on top.
  *
@@ -48,7 +50,7 @@ static bool is_space(unsigned char octet)
     return (XML_UTF8_charset[octet] & XML_CLASS_SPACE) != 0;
 }
 
-/* --- the stack ---------------------------------------------------------------------------------------------------- */
+/* --- the stack -------------------------------------------------------------------------------------------------- */
 
 static void replace(struct scan *s, enum scan_state state)
 {
@@ -78,7 +80,7 @@ static void push_match(struct scan *s, const char *rest, const char *error)
     push(s, SCAN_MATCH);
 }
 
-/* --- values ------------------------------------------------------------------------------------------------------- */
+/* --- values ----------------------------------------------------------------------------------------------------- */
 
 static void count_octets(struct scan *s, int32_t octets)
 {
@@ -105,7 +107,7 @@ static void target_value(struct scan *s, struct scan_value *value)
     s->offset_target = &value->offset;
 }
 
-/* --- attributes --------------------------------------------------------------------------------------------------- */
+/* --- attributes ------------------------------------------------------------------------------------------------- */
 
 struct attr_row {
     enum scan_state ar_state;
@@ -226,12 +228,12 @@ static void scan_attr_single(struct scan *s, unsigned char octet)
 
 static void scan_attr_double(struct scan *s, unsigned char octet)
 {
-    // Kept on purpose: the closing double quote stays, so a uri so quoted on a self-closed <profile/> runs on to the next
-    // zero in the payload. Only the store at a closing tag ends it.
+    // Kept on purpose: the closing double quote stays, so a uri so quoted on a self-closed <profile/> runs on to the
+    // next zero in the payload. Only the store at a closing tag ends it.
     (void)scan_attr_value(s, octet, '"');
 }
 
-/* --- tags --------------------------------------------------------------------------------------------------------- */
+/* --- tags ------------------------------------------------------------------------------------------------------- */
 
 static constexpr struct element_row {
     const char *er_name;   // its first letter selects it
@@ -288,8 +290,8 @@ static bool finish_profile(struct scan *s)
         fail(s, "chan0_parse: profile element missing required uri");
         return false;
     }
-    // Kept on purpose: uri lengths of a message add up, so behind a second profile's uri the zero lands further on: in its
-    // piggyback, which it cuts, or on octets still to be scanned, where it is a forbidden octet.
+    // Kept on purpose: uri lengths of a message add up, so behind a second profile's uri the zero lands further on:
+    // in its piggyback, which it cuts, or on octets still to be scanned, where it is a forbidden octet.
     scan_store_zero(s, profile->uri - s->payload + s->uri.length);
     if (profile->data) {
         // Kept on purpose: the last octet is taken for the ']' of a CDATA end; content without CDATA loses one.
@@ -321,7 +323,8 @@ static void scan_close_tag(struct scan *s)
     replace(s, SCAN_MATCH);
     s->match = name;
     s->error = mismatch;
-    // Kept on purpose: the count of the profile's octets is not ended, so what follows it in the root element goes on counting.
+    // Kept on purpose: the count of the profile's octets is not ended, so what follows it in the root element goes on
+    // counting.
     if (name[0] == 'p' && s->current) (void)finish_profile(s);   // it has failed the scan itself
 }
 
@@ -349,7 +352,7 @@ static void scan_bang(struct scan *s, unsigned char octet)
     push_match(s, "CDATA[", ERR_NOT_WELL_FORMED);
 }
 
-/* --- the other states ----------------------------------------------------------------------------------------------- */
+/* --- the other states ------------------------------------------------------------------------------------------- */
 
 static void scan_prolog(struct scan *s, unsigned char octet)
 {

@@ -41,10 +41,10 @@ struct scan {
     int profile_count;
 };
 
-/* Scans the payload, which it changes in place: values become strings. s is zeroed but for payload, size, frame_type and
- * profiles_end, which points to profiles. True if the payload scans as one message. Kept on purpose: a lone
- * CDATA section does, too. The records in profiles are the
- * caller's to free in either case; what they point to is the payload's. */
+/* Scans the payload, which it changes in place: values become strings. s is zeroed but for payload, size, frame_type
+ * and profiles_end, which points to profiles. True if the payload scans as one message. Kept on purpose: a lone CDATA
+ * section does, too. The records in profiles are the caller's to free in either case; what they point to is the
+ * payload's. */
 [[nodiscard]] bool scan_payload(struct scan *s);
 /* Ends a string at the given offset. Left out if that is neither in the payload nor right behind it. */
 void scan_store_zero(struct scan *s, int64_t at);

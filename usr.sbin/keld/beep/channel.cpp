@@ -1,8 +1,8 @@
 /*
  * Frames and channels as records: how they are made, and in what order a channel comes apart.
  *
- * A channel owns its queues and every frame in them. It does not know its session: whoever deletes a channel has taken it
- * out of the session's table first.
+ * A channel owns its queues and every frame in them. It does not know its session: whoever deletes a channel has
+ * taken it out of the session's table first.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 

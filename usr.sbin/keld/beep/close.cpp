@@ -1,9 +1,10 @@
 /*
  * Channel management, second half: how channels and the session close, from either side.
  *
- * A <close> from the peer can only be granted when the channel is idle: nothing being answered, awaited or queued. Until then
- * it is channel 0's bc_pending, which holds back every later MSG of channel 0, and a close job waits for the next chance: a
- * frame that has left, or a delivery run that has ended. So a session has one close from the peer in progress at most.
+ * A <close> from the peer can only be granted when the channel is idle: nothing being answered, awaited or queued.
+ * Until then it is channel 0's bc_pending, which holds back every later MSG of channel 0, and a close job waits for
+ * the next chance: a frame that has left, or a delivery run that has ended. So a session has one close from the peer
+ * in progress at most.
  *
  * A close from here marks the channel and sends a request. What confirms it is any positive reply that can be read as a
  * message; <ok/> cannot, since it lacks a code, so against most peers the channel stays in 'C' until the session ends.
@@ -25,7 +26,7 @@ struct beep_close_job {
     int32_t cj_msgno;   // of the <close>
 };
 
-/* --- asked by the peer --------------------------------------------------------------------------------------------- */
+/* --- asked by the peer ------------------------------------------------------------------------------------------ */
 
 /* Ends the pending <close>, which must not be used after this. */
 static void send_ok(struct beep_session *session, int32_t msgno)
@@ -143,7 +144,7 @@ void channel_stop_indicate(struct beep_session *session, struct chan0_msg *msg)
     close_job(session->bs_ev_ctx, job, wait_tag(close_job));
 }
 
-/* --- asked from here ------------------------------------------------------------------------------------------------ */
+/* --- asked from here -------------------------------------------------------------------------------------------- */
 
 /* Sends a <close> for channel and remembers it. False if it could not be sent. The texts are the caller's own. */
 static bool request_close(struct beep_session *session, uint16_t channel, int32_t code, const char *text,

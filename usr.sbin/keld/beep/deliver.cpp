@@ -1,14 +1,14 @@
 /*
- * Delivery: takes frames off the channels' queues, joins them to messages and hands them on, one turn of the loop after they
- * were read.
+ * Delivery: takes frames off the channels' queues, joins them to messages and hands them on, one turn of the loop
+ * after they were read.
  *
- * Channel 0 and profiles with pro_message get whole messages; profiles with pro_frame get frames as they come, but the first
- * of a message holds the whole MIME header. On a channel one MSG is served at a time: bc_pending names it from the moment its
- * first frame is looked at until its last reply is queued, and no other MSG passes meanwhile.
+ * Channel 0 and profiles with pro_message get whole messages; profiles with pro_frame get frames as they come, but
+ * the first of a message holds the whole MIME header. On a channel one MSG is served at a time: bc_pending names it
+ * from the moment its first frame is looked at until its last reply is queued, and no other MSG passes meanwhile.
  *
- * A message that has not come whole is put back on its queue and counts against the window that the peer is offered. A peer
- * that keeps to the window can therefore not finish a message of more than 4096 octets, header included, on channel 0 or for
- * pro_message.
+ * A message that has not come whole is put back on its queue and counts against the window that the peer is offered.
+ * A peer that keeps to the window can therefore not finish a message of more than 4096 octets, header included, on
+ * channel 0 or for pro_message.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -22,10 +22,10 @@ extern "C" {
 enum { AGGREGATE_MAX = 50 };   // frames joined in one pass
 enum { LINE_INSIST_REASSEMBLED = 987, LINE_INSIST_NOT_ANS = 2727, LINE_INSIST_JOINED = 2779 };
 
-/* --- joining frames -------------------------------------------------------------------------------------------------- */
+/* --- joining frames --------------------------------------------------------------------------------------------- */
 
-/* A frame with the octets of count frames in order. Frees these. more is the last one's; ansno as given. function, line and
- * expression are for the insist line when there is no memory. */
+/* A frame with the octets of count frames in order. Frees these. more is the last one's; ansno as given. function,
+ * line and expression are for the insist line when there is no memory. */
 static struct beep_frame *join_frames(struct beep_frame *const *frames, int count, int32_t ansno, const char *function,
                                       int line, const char *expression)
 {
@@ -48,8 +48,8 @@ static struct beep_frame *join_frames(struct beep_frame *const *frames, int coun
     return out;
 }
 
-/* One pass: takes frames off queue, behind head if there is one, until held is full or the message or the queue ends. The
- * number held; 0 if there was nothing to take or it does not go with head, which is then freed. */
+/* One pass: takes frames off queue, behind head if there is one, until held is full or the message or the queue ends.
+ * The number held; 0 if there was nothing to take or it does not go with head, which is then freed. */
 static int take_frames(struct bp_queue *queue, struct beep_frame *head, struct beep_frame **held)
 {
     struct beep_frame *frame = frame_get(queue);
@@ -137,7 +137,8 @@ int beep_frame_reassemble(struct beep_channel *channel, struct beep_frame **fram
             struct beep_frame *both[] = { *frame, next };
             *frame = join_frames(both, 2, (*frame)->bf_ansno, "beep_frame_reassemble", LINE_INSIST_REASSEMBLED, "new");
         } else {
-            beep_trace("ERROR: reassembly failed for frame %" PRId32 ", type=%c", (*frame)->bf_msgno, (*frame)->bf_type);
+            beep_trace("ERROR: reassembly failed for frame %" PRId32 ", type=%c", (*frame)->bf_msgno,
+                       (*frame)->bf_type);
             frame_free(*frame);   // Kept on purpose: its octets are not given back to the window
             *frame = next;
         }
@@ -145,7 +146,7 @@ int beep_frame_reassemble(struct beep_channel *channel, struct beep_frame **fram
     return 1;
 }
 
-/* --- profiles -------------------------------------------------------------------------------------------------------- */
+/* --- profiles --------------------------------------------------------------------------------------------------- */
 
 enum take_result { TAKE_NOTHING, TAKE_DROPPED, TAKE_READY };
 
@@ -241,14 +242,14 @@ void handle_frame_non0(evContext ctx, void *uap, const void *)
     if (session->bs_close_wait) (void)evDo(ctx, wait_tag(close_job));
 }
 
-/* --- channel 0 ------------------------------------------------------------------------------------------------------- */
+/* --- channel 0 -------------------------------------------------------------------------------------------------- */
 
 static void take_greeting(struct beep_session *session, struct chan0_msg *)
 {
     struct beep_channel *channel0 = beep_find_channel(session, 0);
 
-    // Kept on purpose: a greeting in any status but 'S' sets the session back to waiting, and the one after that makes it
-    // ready again and calls the profiles again.
+    // Kept on purpose: a greeting in any status but 'S' sets the session back to waiting, and the one after that
+    // makes it ready again and calls the profiles again.
     if (channel0->bc_state != BEEP_STATE_START) {
         channel0->bc_state = BEEP_STATE_START;
         return;
@@ -314,7 +315,7 @@ static struct beep_frame *take_chan0_frame(struct beep_channel *channel0)
 {
     const struct beep_frame *first = frame_peek(channel0->bc_in);
     if (!first) return nullptr;
-    if (first->bf_type == BEEP_MSGTYPE_MSG && channel0_pending(channel0)) return nullptr;   // a <close> is being worked on
+    if (first->bf_type == BEEP_MSGTYPE_MSG && channel0_pending(channel0)) return nullptr;   // first the <close>
 
     struct beep_frame *frame = frame_aggregate(channel0->bc_in, 1);
     // Kept on purpose: no SEQ here, as against other channels.

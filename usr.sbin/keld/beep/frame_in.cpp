@@ -1,21 +1,21 @@
 /*
  * Frame input: splits the stream of a session into frames, checks them and puts them on their channels.
  *
- * Two modes. With bs_rx_frame null, octets go to the header buffer until a line is whole; otherwise they go straight into
- * the frame's own block, payload and trailer. A read in header mode takes what the buffer has room for, so it usually brings
- * payload and further lines along; the head parser sorts these out.
+ * Two modes. With bs_rx_frame null, octets go to the header buffer until a line is whole; otherwise they go straight
+ * into the frame's own block, payload and trailer. A read in header mode takes what the buffer has room for, so it
+ * usually brings payload and further lines along; the head parser sorts these out.
  *
- * Kept on purpose: this reading differs from RFC 3080. A bad line costs a trace and nothing else, and the next octets are a
- * new line; the trailer is not looked at and any character passes as continuation mark; numbers are cut to their width and a
- * channel's to 16 bits; a short line takes what it lacks from the octets behind it; ANS and NUL are refused; nothing polices
- * the window that the peer was offered. A frame out of sequence, or a line that ends in a bare LF, is not consumed: it is
- * parsed and reported again and again, without a return to the loop, until octets that follow have filled the buffer; the
- * read of no octets that comes then is taken for the end of the stream.
+ * Kept on purpose: this reading differs from RFC 3080. A bad line costs a trace and nothing else, and the next octets
+ * are a new line; the trailer is not looked at and any character passes as continuation mark; numbers are cut to
+ * their width and a channel's to 16 bits; a short line takes what it lacks from the octets behind it; ANS and NUL are
+ * refused; nothing polices the window that the peer was offered. A frame out of sequence, or a line that ends in a
+ * bare LF, is not consumed: it is parsed and reported again and again, without a return to the loop, until octets
+ * that follow have filled the buffer; the read of no octets that comes then is taken for the end of the stream.
  *
  * True between reads:
  *   - bs_hdr to bs_hdr_end are octets not consumed yet, and bs_hdr[BEEP_HEADER_MAX] is zero;
- *   - behind bs_hdr_end there may be text of lines that are gone, up to a zero: numbers that a short line lacks are taken
- *     from there, but no line ends there.
+ *   - behind bs_hdr_end there may be text of lines that are gone, up to a zero: numbers that a short line lacks are
+ *     taken from there, but no line ends there.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -32,7 +32,7 @@ extern "C" {
 enum { LINE_INSIST_STATUS = 1632, LINE_INSIST_FRAME = 2612 };
 enum { FRAME_WORD_LEN = 4 };   // "MSG " and its kin
 
-/* --- numbers of a header line -------------------------------------------------------------------------------------- */
+/* --- numbers of a header line ----------------------------------------------------------------------------------- */
 
 static const char *skip_space(const char *text)
 {
@@ -60,7 +60,8 @@ static const char *scan_digits(const char *text, bool is_signed, uint64_t *value
     return text;
 }
 
-/* %ld and %lu of 32 bits. Kept on purpose: what does not fit loses its upper half. (Numbers in XML are clamped instead.) */
+/* %ld and %lu of 32 bits. Kept on purpose: what does not fit loses its upper half. (Numbers in XML are clamped
+ * instead.) */
 static const char *scan_long(const char *text, int32_t *value)
 {
     uint64_t number;
@@ -85,7 +86,7 @@ static const char *scan_char(const char *text, char *value)
     return text + 1;
 }
 
-/* --- one header line ------------------------------------------------------------------------------------------------ */
+/* --- one header line -------------------------------------------------------------------------------------------- */
 
 struct head {
     char type;
@@ -134,8 +135,8 @@ static char frame_type(const char *line)
     return '\0';
 }
 
-/* Reads the line at the start of the header buffer. False if it holds no frame and is to be thrown away; a SEQ, done here,
- * is such a line. */
+/* Reads the line at the start of the header buffer. False if it holds no frame and is to be thrown away; a SEQ, done
+ * here, is such a line. */
 static bool parse_line(struct beep_session *session, struct head *head)
 {
     const char *text = session->bs_hdr + FRAME_WORD_LEN;
@@ -221,7 +222,7 @@ int beep_parse_head_for_session(struct beep_session *session)
     return 0;
 }
 
-/* --- whole frames --------------------------------------------------------------------------------------------------- */
+/* --- whole frames ----------------------------------------------------------------------------------------------- */
 
 void frame_missing(const char *function, int line, const char *expression)
 {
@@ -292,7 +293,7 @@ void frame_complete(struct beep_session *session)
     (void)evDo(session->bs_ev_ctx, wait_tag(channel->bc_number == 0 ? handle_frame_0 : handle_frame_non0));
 }
 
-/* --- the stream ------------------------------------------------------------------------------------------------------ */
+/* --- the stream ------------------------------------------------------------------------------------------------- */
 
 static ssize_t transport_read(struct beep_session *session, char *to, size_t length)
 {
@@ -317,7 +318,7 @@ static void take_payload(struct beep_session *session, size_t count)
     session->bs_hdr[0] = '\0';
 }
 
-/* Takes count octets, maybe none, that were read into the header buffer. False if it holds no whole line. */
+/* Takes count octets, maybe none, that were read into the header buffer. False if more must come first. */
 static bool take_header(struct beep_session *session, size_t count)
 {
     if (count > 0) {
@@ -332,6 +333,8 @@ static bool take_header(struct beep_session *session, size_t count)
             // Kept on purpose: the rest of the line will be taken for a line of its own.
             beep_trace("header line too long, discarded");
             session->bs_hdr_end = session->bs_hdr;
+            // A transport may hold octets that its descriptor does not show; a socket shows them at the next turn.
+            return session->bs_transport != nullptr;
         }
         return false;
     }

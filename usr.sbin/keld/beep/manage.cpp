@@ -1,12 +1,12 @@
 /*
  * Channel management, first half: how channels start, from here and from the peer.
  *
- * A start from here is a request on channel 0 and an entry in bs_chan0_sent that its reply is matched with; the channel's
- * record is made when the confirmation comes. A start from the peer is answered at once. Either way a start that fails
- * leaves no record.
+ * A start from here is a request on channel 0 and an entry in bs_chan0_sent that its reply is matched with; the
+ * channel's record is made when the confirmation comes. A start from the peer is answered at once. Either way a start
+ * that fails leaves no record.
  *
- * Channel numbers from here are odd for an initiator and even otherwise, and a number whose start was refused is taken back
- * if it was the last given out. The peer's numbers are not checked against that rule: kept on purpose.
+ * Channel numbers from here are odd for an initiator and even otherwise, and a number whose start was refused is
+ * taken back if it was the last given out. The peer's numbers are not checked against that rule: kept on purpose.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -26,7 +26,7 @@ void chan0_refuse(struct beep_session *session, const struct chan0_msg *msg, int
     (void)beep_send_err(session, 0, msg->msgno, &diagnostic);   // traced where it failed
 }
 
-/* --- from here ---------------------------------------------------------------------------------------------------- */
+/* --- from here -------------------------------------------------------------------------------------------------- */
 
 /* What was offered, as the list that a chan0_msg copies. Null if memory is out. The rows and texts are lent. */
 static struct chan0_profile *offer_list(const struct beep_profile *profiles, int count, const char *const *piggybacks)
@@ -76,7 +76,8 @@ int32_t beep_channel_start(struct beep_session *session, const struct beep_profi
 
     char text[CHAN0_TEXT_MAX];
     size_t length = chan0_fmt_start(text, sizeof text, session->bs_next_channel, profiles, count, piggybacks);
-    int32_t msgno = beep_send_raw(session, 0, BEEP_MSGTYPE_MSG, -1, BEEP_MORE_LAST, static_cast<int32_t>(length), -1, text);
+    int32_t msgno =
+        beep_send_raw(session, 0, BEEP_MSGTYPE_MSG, -1, BEEP_MORE_LAST, static_cast<int32_t>(length), -1, text);
     if (msgno == -1) {
         beep_trace("cannot start channel: cannot send the request");
         return -1;
@@ -131,10 +132,10 @@ void handle_start_err(struct beep_session *session, struct chan0_msg *msg)
         session->bs_next_channel = msg->channel;
 }
 
-/* --- from the peer ------------------------------------------------------------------------------------------------ */
+/* --- from the peer ---------------------------------------------------------------------------------------------- */
 
-/* Offers the channel to the profiles that the peer named, in its order. The one that took it, or null. The text that the
- * last one asked left in reply is the caller's to free. */
+/* Offers the channel to the profiles that the peer named, in its order. The one that took it, or null. The text that
+ * the last one asked left in reply is the caller's to free. */
 static const struct beep_profile *offer_channel(struct beep_session *session, const struct chan0_profile *wanted,
                                                 struct beep_channel *channel, struct beep_start_reply *reply)
 {

@@ -1,12 +1,12 @@
 /*
  * Sending: how a message gets onto its channel. Nothing is written here.
  *
- * Each send copies its payload into one frame at the end of bc_out and asks for write readiness; a failure leaves nothing
- * queued. Message numbers are the channel's: MSGs count up from bc_next_msgno, replies carry the number of the MSG that the
- * channel is answering (bc_pending), and the reply marked '.' ends it and lets the next MSG through.
+ * Each send copies its payload into one frame at the end of bc_out and asks for write readiness; a failure leaves
+ * nothing queued. Message numbers are the channel's: MSGs count up from bc_next_msgno, replies carry the number of
+ * the MSG that the channel is answering (bc_pending), and the reply marked '.' ends it and lets the next MSG through.
  *
- * SEQ frames do not queue. A channel has at most one unsent, and a newer one overwrites its values. One that has left is
- * kept and used again, so that flow control allocates nothing.
+ * SEQ frames do not queue. A channel has at most one unsent, and a newer one overwrites its values. One that has left
+ * is kept and used again, so that flow control allocates nothing.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -192,14 +192,15 @@ int beep_send_rpy(struct beep_session *session, uint16_t number, int32_t msgno, 
     return send_reply(session, &rpy_kind, number, msgno, more, iov, iov_count);
 }
 
-int beep_send_err(struct beep_session *session, uint16_t number, int32_t msgno, const struct beep_diagnostic *diagnostic)
+int beep_send_err(struct beep_session *session, uint16_t number, int32_t msgno,
+                  const struct beep_diagnostic *diagnostic)
 {
     char text[CHAN0_TEXT_MAX];
     struct iovec iov = { text, chan0_fmt_error(text, sizeof text, diagnostic->code, diagnostic->message) };
     return send_reply(session, &err_kind, number, msgno, BEEP_MORE_LAST, &iov, 1);
 }
 
-/* --- flow control ------------------------------------------------------------------------------------------------- */
+/* --- flow control ----------------------------------------------------------------------------------------------- */
 
 int beep_send_seq(struct beep_session *session, uint16_t number, uint32_t ackno, int32_t window)
 {

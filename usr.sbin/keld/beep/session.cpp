@@ -1,14 +1,14 @@
 /*
  * Session: how one comes up, what it owns and how it comes apart.
  *
- * The session's status is the state of channel 0; when channel 0 is gone the status reads 'E'. A session ends in two steps
- * that are never one: session_closed takes its channels away and tells the owner, from wherever the end was noticed;
- * beep_session_delete frees the record, from the owner's own turn of the loop. Between the two every handler may still be
- * called and finds no channels.
+ * The session's status is the state of channel 0; when channel 0 is gone the status reads 'E'. A session ends in two
+ * steps that are never one: session_closed takes its channels away and tells the owner, from wherever the end was
+ * noticed; beep_session_delete frees the record, from the owner's own turn of the loop. Between the two every handler
+ * may still be called and finds no channels.
  *
  * A <start> from the peer may name a number in use. The new channel takes the place in the table; the old one can be
- * reached by nobody any more, but its profile's record hangs on it, so the session keeps it on bs_orphans and lets it go
- * with the others.
+ * reached by nobody any more, but its profile's record hangs on it, so the session keeps it on bs_orphans and lets it
+ * go with the others.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 
@@ -126,7 +126,7 @@ static void delete_all_channels(struct beep_session *session)
     session->bs_iov_index = -1;
 }
 
-/* --- up ---------------------------------------------------------------------------------------------------------- */
+/* --- up --------------------------------------------------------------------------------------------------------- */
 
 static void wait_for_frames(struct beep_session *session, evWaitFunc handler, evWaitID *id)
 {
@@ -190,7 +190,7 @@ struct beep_session *beep_session_new(int fd, evContext ev_ctx, char role, const
     return session;
 }
 
-/* --- down -------------------------------------------------------------------------------------------------------- */
+/* --- down ------------------------------------------------------------------------------------------------------- */
 
 static void deselect(struct beep_session *session, evFileID *id)
 {

@@ -1,6 +1,6 @@
 /*
- * The engine's traces: what happened (class 0), and what passed the transport, as counts (class 3) and octets (class 4).
- * With tracing off each costs one test.
+ * The engine's traces: what happened (class 0), and what passed the transport, as counts (class 3) and octets (class
+ * 4). With tracing off each costs one test.
  */
 #include "usr.sbin/keld/beep/beep_private.h"
 

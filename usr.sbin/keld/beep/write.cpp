@@ -1,13 +1,14 @@
 /*
  * Writing: turns queued frames into octets on the transport, within the window that the peer grants.
  *
- * handle_write makes passes over the channels and sends at most one frame of each in a pass, so that a long reply does not
- * hold the others up. A frame leaves as three writes (header, payload, trailer) that the session's gather list remembers
- * across a transport that is full: bs_iov_index is the write to resume, -1 while no frame is in progress. The registration
- * for writing ends with a pass in which nothing went; a send, or the peer's SEQ that opens the window, asks for it again.
+ * handle_write makes passes over the channels and sends at most one frame of each in a pass, so that a long reply
+ * does not hold the others up. A frame leaves as three writes (header, payload, trailer) that the session's gather
+ * list remembers across a transport that is full: bs_iov_index is the write to resume, -1 while no frame is in
+ * progress. The registration for writing ends with a pass in which nothing went; a send, or the peer's SEQ that opens
+ * the window, asks for it again.
  *
- * A frame larger than the window goes in pieces. The frame stays on its queue, bf_data and bf_size tell what is left, and
- * every piece but the last is marked '*'.
+ * A frame larger than the window goes in pieces. The frame stays on its queue, bf_data and bf_size tell what is left,
+ * and every piece but the last is marked '*'.
  */
 #include "platform/text/text.h"
 #include "usr.sbin/keld/beep/beep_private.h"
@@ -43,7 +44,8 @@ static size_t put_header(struct beep_session *session, const struct beep_channel
     const char *word = frame_word(frame->bf_type);
     if (!word) return 0;
 
-    // Kept on purpose: channel numbers and a SEQ's ackno are printed signed, so those of the upper half go out negative.
+    // Kept on purpose: channel numbers and a SEQ's ackno are printed signed, so those of the upper half go out
+    // negative.
     char *out = session->bs_out_hdr;
     int16_t number = static_cast<int16_t>(frame->bf_channel);
     switch (frame->bf_type) {
@@ -51,8 +53,8 @@ static size_t put_header(struct beep_session *session, const struct beep_channel
         return snprintf_safe(out, BEEP_HEADER_MAX, "%s %hd %" PRId32 " %" PRId32 "\r\n", word, number, frame->bf_msgno,
                              frame->bf_ansno);
     case BEEP_MSGTYPE_ANS:
-        return snprintf_safe(out, BEEP_HEADER_MAX, "%s %hd %" PRId32 " %c %" PRIu32 " %" PRId32 " %" PRId32 "\r\n", word,
-                             number, frame->bf_msgno, more, channel->bc_tx_seqno, piece, frame->bf_ansno);
+        return snprintf_safe(out, BEEP_HEADER_MAX, "%s %hd %" PRId32 " %c %" PRIu32 " %" PRId32 " %" PRId32 "\r\n",
+                             word, number, frame->bf_msgno, more, channel->bc_tx_seqno, piece, frame->bf_ansno);
     default:
         return snprintf_safe(out, BEEP_HEADER_MAX, "%s %hd %" PRId32 " %c %" PRIu32 " %" PRId32 "\r\n", word, number,
                              frame->bf_msgno, more, channel->bc_tx_seqno, piece);
@@ -152,16 +154,17 @@ static enum write_result write_channel(struct beep_session *session, struct beep
 {
     struct beep_frame *frame = channel->bc_seq_frame ? channel->bc_seq_frame : frame_peek(channel->bc_out);
     if (!frame) return WRITE_NOTHING;
-    // Kept on purpose: after a full transport the frame in progress is finished, but the frame chosen here, which need not be
-    // the same, is the one that counts as sent: a SEQ is lost so, and a frame that had gone whole leaves again, empty. (A SEQ
-    // that is overwritten while its header is half out leaves with its old values, too.)
+    // Kept on purpose: after a full transport the frame in progress is finished, but the frame chosen here, which
+    // need not be the same, is the one that counts as sent: a SEQ is lost so, and a frame that had gone whole leaves
+    // again, empty. (A SEQ that is overwritten while its header is half out leaves with its old values, too.)
     if (session->bs_iov_index < 0 && !prepare_frame(session, channel, frame)) return WRITE_NOTHING;
     if (!write_gathered(session)) return WRITE_STOP;
     frame_written(session, channel, frame);
     return WRITE_SENT;
 }
 
-/* Passes over the channels until nothing goes. True if that is so, false if the transport is full or the session ended. */
+/* Passes over the channels until nothing goes. True if that is so, false if the transport is full or the session
+ * ended. */
 static bool write_passes(struct beep_session *session)
 {
     bool sent = true;
@@ -183,7 +186,8 @@ void handle_write(evContext ctx, void *uap, int, int)
 {
     auto *session = static_cast<struct beep_session *>(uap);
 
-    // Three writes for each frame, and often a SEQ before it: held back, they reach the peer as one segment and wake it once.
+    // Three writes for each frame, and often a SEQ before it: held back, they reach the peer as one segment and wake
+    // it once.
     if (!session->bs_not_held && evHoldFD(session->bs_fd, true) < 0) session->bs_not_held = true;
     bool done = write_passes(session);
     if (!session->bs_not_held) (void)evHoldFD(session->bs_fd, false);   // it could be held, so it can be let go

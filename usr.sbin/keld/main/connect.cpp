@@ -11,7 +11,7 @@
  *
  * What is retried and what stalls (see keld.h) follows from who can put it right. A refused connection, or a refusal of
  * the event library to connect, is tried again in 60 seconds. A socket that cannot be made or bound, TLS, a keepalive
- * timer or a session that cannot be made wait for a reload.
+ * timer or a session that cannot be made wait for a reload that brings servers where there were none.
  */
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"
@@ -63,6 +63,8 @@ int choose_server(struct keld_server *server)
     const struct keld_server *head = current_config.kc_servers;
     if (!head) return 0;
     if (choose_redirect(server)) return 1;
+    // Kept on purpose: an entry whose address could not be read stands in the ring with address 0, which also says that
+    // nothing was tried yet. After it the ring starts over, and the entries behind it are not reached.
     const struct keld_server *former = server->ks_addr != 0 ? find_server(server, &current_config) : nullptr;
     const struct keld_server *next = former ? former->ks_next : head;
     *server = next ? *next : *head;
@@ -110,7 +112,8 @@ static bool bind_source(void)
 /* Makes keld_fd, ready to connect. True on success; the failure is logged and stalls the daemon. */
 static bool make_socket(void)
 {
-    // Kept on purpose: no retry is armed when a socket cannot be made or bound. The daemon waits for a reload.
+    // Kept on purpose: no retry is armed when a socket cannot be made or bound. A reload starts anew only if it brings
+    // servers where there were none.
     keld_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (keld_fd < 0) {
         keld_event<KELD_SOCKET_FAILURE>("socket()", strerror(errno));
@@ -165,6 +168,7 @@ void connect_cb(evContext ctx, void *, int fd, const void *, int, const void *, 
 {
     keld_conn_id = nullptr;
     if (fd == -1) {
+        // Kept on purpose: keld_fd keeps the number of a socket that the event library has closed, until the next attempt.
         keld_event<KELD_CONNECT_FAIL>(strerror(errno));
         keld_arm_retry(ctx, KELD_RETRY_DELAY_S);
         return;

@@ -12,9 +12,12 @@
  *   - a tick sends one text at most: a close that is owed goes in place of the keepalive;
  *   - whether to reconnect is judged when the session is cleaned up, on the servers configured then.
  *
+ * Kept on purpose: a new interval is taken up at the next tick, and the first tick comes 15 seconds after the
+ * connection. A server that is content with less than 15 seconds has by then been silent for three of its intervals,
+ * unless it spoke on the channel meanwhile, and loses the session at that tick.
+ *
  * A server that asks for one or two seconds gives the interval 0, and a timer with interval 0 is a one-shot. A spent
- * timer is armed again a second ahead, so that such a session is watched by the second instead of never or without
- * pause.
+ * timer is armed again a second ahead, so that such a session is watched neither never nor without pause.
  */
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"
@@ -46,10 +49,9 @@ void session_close_cb(struct beep_session *session)
 /* Brings the timer to the interval now in force; fired is the one it was armed with. */
 static void adjust_timer(int32_t fired_s)
 {
-    if (fired_s == 0) keld_keepalive_id = nullptr;   // a one-shot, and spent
-    // Failures are ignored on purpose: the timer then goes on as it was, and the next tick tries again.
+    // From inside its own callback a timer can be set anew without memory, also one that is spent; so neither call fails.
     if (keepalive != fired_s) (void)keld_arm_keepalive(keepalive);
-    else if (!keld_keepalive_id) (void)keld_arm_keepalive(SHORTEST_TICK_S);
+    else if (fired_s == 0) (void)keld_arm_keepalive(SHORTEST_TICK_S);
 }
 
 static bool server_is_silent(time_t now)
@@ -81,7 +83,7 @@ void keld_request_close(void)
 {
     if (tkel_log(keld_sp, close_text) == 0) return;
     keld_event<KELD_BEEP_FIN_FAIL>();
-    keld_close_pending = 1;
+    keld_close_pending = 1;   // Kept on purpose: owed until sent, also if the server has come back by then
 }
 
 static void end_session(evContext ctx)
@@ -119,5 +121,5 @@ void clean_up_session(void)
     keld_close_pending = 0;
     if (!current_config.kc_servers) current_server.ks_addr = 0;   // otherwise the next attempt moves on from it
     if (keld_use_tls) keld_tls_free();
-    if (keld_fd > 0) keld_close_socket();
+    if (keld_fd > 0) keld_close_socket();   // Kept on purpose: descriptor 0 would stay; main sees that it is taken
 }

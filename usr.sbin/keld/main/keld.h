@@ -7,7 +7,7 @@
  *   waiting        keld_retry_id set                                    left when the timer fires (retry_cb)
  *   connecting     keld_conn_id set, keld_fd open                       left by connect_cb
  *   in session     keld_sp and keld_keepalive_id set                    left by keepalive_cb
- *   stalled        keld_sp null, at most keld_keepalive_id set          left by a reload that starts anew
+ *   stalled        keld_sp null, at most keld_keepalive_id set          left by a reload from no servers to some
  *
  * The stalled phase is no accident: a refused connection is retried for ever, but what an operator has to put right (no
  * sockets, a source address that cannot be bound, certificates) is tried once and reported. Times are what time()

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -74,8 +75,9 @@ static void sighup_handler(int)
 
 static void sigterm_handler(int)
 {
-    // Kept on purpose: ends the process from signal context, at once. Nothing is sent to the server, no session closed.
-    exit(0);
+    // Kept on purpose: ends the process from signal context, at once. Nothing is sent to the server, no session closed. Not
+    // exit: what it would run, OpenSSL's clean-up among it, waits for ever for a lock that the interrupted code may hold.
+    _exit(0);
 }
 
 /* Holds SIGHUP back, or lets it through again. */
@@ -85,6 +87,14 @@ static void hold_sighup(bool hold)
     (void)sigemptyset(&set);
     (void)sigaddset(&set, SIGHUP);
     (void)sigprocmask(hold ? SIG_BLOCK : SIG_UNBLOCK, &set, nullptr);
+}
+
+/* Sees to it that no socket of ours gets the number of a standard stream, into which messages would then be printed. */
+static void occupy_standard_streams(void)
+{
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+    if (fd >= 0) (void)close(fd);
 }
 
 /* Locks the pid file, leaves the foreground unless told not to, and writes the pid. Exits if any of it fails. */
@@ -137,6 +147,7 @@ int main(int argc, char **argv)
 
     if (keld_debug == 0) logging_set_mode(LOGGING_MODE_DAEMON);
     event_open(name, LOG_PID, LOG_DAEMON);
+    occupy_standard_streams();
     hold_sighup(true);   // from when the pid can be read until there is a handler, it would end the process
     become_daemon(options.o_no_daemon > 0);
     keld_trace_init();

@@ -2,8 +2,8 @@
  * Reload: applies the committed configuration to the running daemon, at SIGHUP.
  *
  * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is all
- * or nothing: unless the reader says 0 nothing changes, also when the stanza was removed, which is not the same as
- * removing all servers. A good configuration is moved in, and takes effect with the next connection; the running
+ * or nothing: unless the reader says 0 nothing changes. Kept on purpose: that goes for a stanza that was removed, too,
+ * which is not the same as removing all servers. A good configuration is moved in, and takes effect with the next connection; the running
  * session is touched only if its server's address has left the ring.
  *
  * Closing is a request. The server is asked to end the session, and keepalive_cb cleans up once it has done so, or has
@@ -32,7 +32,8 @@ static void stop_connecting(evContext ctx)
         keld_request_close();
         return;
     }
-    // Kept on purpose: the socket of a connection that is called off stays open, and keld_fd with it.
+    // Kept on purpose: the socket of a connection that is called off stays open for the life of the process; keld_fd
+    // keeps its number until the next attempt.
     if (keld_conn_id) (void)evCancelConn(ctx, keld_conn_id);
     keld_conn_id = nullptr;
     if (keld_retry_id) (void)evClearTimer(ctx, keld_retry_id);

@@ -9,7 +9,8 @@
  * The method negotiates. TLSv1 is the floor and TLS 1.3 the ceiling, and what the machine's OpenSSL policy forbids
  * stays forbidden: the context's own limits are only ever tightened here.
  *
- * The handshake runs on a blocking socket inside connect_cb and holds up the loop for as long as the server takes. Any
+ * Kept on purpose: the handshake runs on a blocking socket inside connect_cb, without a limit of time, and holds up the
+ * loop for as long as the server takes. Any
  * failure ends the attempt with KELD_PRIVATIZE_FAIL and is not retried, as trying again cures no certificate.
  */
 #include "usr.sbin/keld/main/tls.h"
@@ -161,6 +162,7 @@ static const char *tls_fault(void)
 int keld_tls_start(void)
 {
     keld_use_tls = 1;
+    ERR_clear_error();   // what the last session left would be reported as this one's
     if (const char *step = tls_fault()) {
         keld_event<KELD_PRIVATIZE_FAIL>(step, ERR_error_string(ERR_get_error(), nullptr));
         keld_tls_free();

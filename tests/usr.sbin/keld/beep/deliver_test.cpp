@@ -76,7 +76,6 @@ TEST_F(deliver, first_frame_holds_the_mime_header)
     } rows[] = {
         { { "Content-Type: a/b\r\n\r\n<a>*", "</a>." }, "1:M0* Content-Type: a/b\r\n\r\n<a>|1:M0. </a>" },
         { { "Con*", "tent-Type: a/b\r\n\r*", "\n<a>*", "</a>." }, "1:M0* Content-Type: a/b\r\n\r\n<a>|1:M0. </a>" },
-        { { "Content-Type:x*", "." }, "1:M0* Content-Type:x|1:M0. " },
         { { "C*", "x*", "y." }, "1:M0* Cx|1:M0. y" },                  // a match as far as it goes; then it is none
         { { "C*", "ontent-Type: a/b." }, "1:M0. Content-Type: a/b" },
         { { "Content-Type: \r\n\r\n*", "x." }, "1:M0. Content-Type: \r\n\r\nx" },      // too short to be whole
@@ -147,8 +146,7 @@ TEST_F(deliver, replies_go_with_what_was_sent)
     // number 0 reads as the queue's end: an answer to 1 takes 0 away and leaves 1, which can be answered again
     ready();
     channel = add(1, ROW_FRAME);
-    ASSERT_EQ(send(1, ""), 0);
-    ASSERT_EQ(send(1, ""), 0);
+    for (int i = 0; i < 2; i++) ASSERT_EQ(send(1, ""), 0);
     feed("RPY 1 1 * 0 1\r\naEND\r\n");
     EXPECT_EQ(bp_queue_len(channel->bc_sent_msgnos), 2);
     feed("RPY 1 1 . 1 1\r\nbEND\r\nRPY 1 1 . 2 1\r\ncEND\r\nRPY 1 0 . 3 1\r\ndEND\r\n");

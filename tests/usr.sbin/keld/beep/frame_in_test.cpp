@@ -58,21 +58,30 @@ TEST_F(frame_in, header_lines_taken_and_thrown_away)
     }
 }
 
+// Behind the last octets held stands what the line before left there, up to the zero of the last read.
+TEST_F(frame_in, numbers_of_a_short_line_come_from_the_one_before)
+{
+    ready();
+    add(1, ROW_FRAME);
+    io.in = { { "MSG 1 0 . 0 3\r\n5bcEND\r\nMSG 1 0 . 3\r\n", 0 }, AGAIN, { "helloEND\r\n", 0 } };
+    run();
+    EXPECT_EQ(heard(), "1:M0. 5bc|1:M0. hello");
+
+    io.in = { { "SEQ 1 0 0\r\nSEQ 1 0\n", 0 }, AGAIN, { "", 0 } };   // but no line ends there
+    run();
+    EXPECT_EQ(insisted(), STUCK);
+}
+
 TEST_F(frame_in, seq_sets_the_limit_as_it_comes)
 {
-    static const struct {
-        const char *line;
-        uint32_t limit;
-    } rows[] = {
-        { "SEQ 1 10 20\r\n", 30 }, { "SEQ 1 0 0 x\r\n", 0 }, { "SEQ 65537 4294967295 2\r\n", 1 }, { "SEQ 1 -1 -6\r\n", -7u },
-    };
     ready();
     struct beep_channel *channel = add(1, ROW_FRAME);
-    for (const auto &row : rows) {
-        feed(row.line);
-        EXPECT_EQ(channel->bc_tx_limit, row.limit) << row.line;
-        EXPECT_EQ(channel->bc_rx_seqno, 0u);
-    }
+    feed("SEQ 1 10 20\r\n");
+    EXPECT_EQ(channel->bc_tx_limit, 30u);
+    feed("SEQ 65537 4294967295 2 x\r\n");
+    EXPECT_EQ(channel->bc_tx_limit, 1u);
+    feed("SEQ 1 -1 -6\r\n");
+    EXPECT_EQ(channel->bc_tx_limit, -7u);
 }
 
 // What is not consumed is parsed again, without a turn of the loop, until octets fill the buffer.
@@ -107,20 +116,13 @@ TEST_F(frame_in, desynchronised_peer_is_heard_out_and_given_up)
 
 TEST_F(frame_in, ends_of_the_stream)
 {
-    static const struct {
-        struct wire::piece end;
-        const char *traced;
-    } rows[] = {
-        { { "", 0 }, "Read: unexpected EOF" },
-        { { "", ECONNRESET }, "Read error: Connection reset by peer" },
-    };
-    for (const auto &row : rows) {
+    for (int error : { 0, ECONNRESET }) {
         ready();
         add(1, ROW_MESSAGE);
-        io.in = { { "MSG 1 0 * 0 3\r\nabcEND\r\nMSG 1 0 . 3 9\r\nabc", 0 }, AGAIN, row.end };
+        io.in = { { "MSG 1 0 * 0 3\r\nabcEND\r\nMSG 1 0 . 3 9\r\nabc", 0 }, AGAIN, { "", error } };
         run();
-        std::string trace = traced();
-        EXPECT_NE(trace.find(std::string(row.traced) + "|channel 0 deleted|channel 1 deleted"), std::string::npos) << trace;
+        std::string end = error ? "Read error: Connection reset by peer" : "Read: unexpected EOF";
+        EXPECT_NE(traced().find(end + "|channel 0 deleted|channel 1 deleted"), std::string::npos) << end;
         EXPECT_EQ(heard(), "stop 1");
         EXPECT_EQ(closed_calls, 1);
         EXPECT_TRUE(session->bs_rx_frame);   // the half-read frame stays until the session goes
