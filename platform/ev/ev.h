@@ -81,8 +81,9 @@ int evCmpTime(struct ev_timespec a, struct ev_timespec b);
 
 /* Connects fd, a stream socket of the caller, to addr. func is called once, at a later turn, when the connection
  * stands or has failed; a failure that the kernel tells at once comes that way too. -1 with errno only for what can
- * never work: a descriptor or address that is no such thing, a socket that is connected already (EISCONN, EALREADY)
- * or registered with evSelectFD (EBUSY), or no memory. fd is then still the caller's and untouched. */
+ * never work: a descriptor or address that is no such thing (0.0.0.0 is none: EADDRNOTAVAIL), a socket that is
+ * connected already (EISCONN, EALREADY) or registered with evSelectFD (EBUSY), or no memory. fd is then still the
+ * caller's and untouched. */
 [[nodiscard]] int evConnect(evContext ctx, int fd, const void *addr, int addr_len, evConnFunc func, void *uap,
                             evConnID *id);
 /* Forgets a connection that was not reported yet. Its descriptor goes back to the caller, as it is: not closed, and
@@ -100,8 +101,9 @@ int evCancelConn(evContext ctx, evConnID id);
  * Call it before the descriptor is closed. */
 int evDeselectFD(evContext ctx, evFileID id);
 
-/* Holds back what is written to fd, a TCP socket (on), or lets it go at once (off), so that several writes leave together.
- * Each on needs its off: what is held back would otherwise wait for as long as 200 ms. -1 with errno if fd is none. */
+/* Holds back what is written to fd, a TCP socket (on), or lets it go at once (off), so that several writes leave
+ * together. Each on needs its off: what is held back would otherwise wait for as long as 200 ms. -1 with errno if fd
+ * is none. */
 int evHoldFD(int fd, bool on);
 
 /* A one-shot waiter on tag: func runs at the loop's next turn after an evDo on the tag. Waiters of one tag run in the
