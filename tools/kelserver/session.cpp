@@ -36,10 +36,11 @@ static struct connection *starting;   // whose <start> is under way, or null
 /* What stands between <name> and </name>, or "?" if there is no such element. */
 static std::string element(const std::string &text, const std::string &name)
 {
-    size_t start = text.find("<" + name + ">");
-    size_t end = text.find("</" + name + ">");
+    const std::string tag = name + ">";
+    size_t start = text.find('<' + tag);
+    size_t end = text.find("</" + tag);
     if (start == std::string::npos || end == std::string::npos || end < start) return "?";
-    start += name.size() + 2;
+    start += tag.size() + 1;
     return printable(text.substr(start, end - start));
 }
 
