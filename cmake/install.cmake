@@ -10,6 +10,8 @@ function(keld_install_library target description)
     if(NOT requires)
         set(requires "")
     endif()
+    # Relative to the file itself, so that the tree may be installed under any prefix.
+    file(RELATIVE_PATH KELD_PC_UP /root/${CMAKE_INSTALL_LIBDIR}/pkgconfig /root)
     set(KELD_PC_NAME ${target})
     set(KELD_PC_DESCRIPTION ${description})
     set(KELD_PC_REQUIRES ${requires})
