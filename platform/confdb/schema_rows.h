@@ -12,7 +12,8 @@
 static constexpr uint32_t any_number = UINT32_MAX;
 static constexpr uint32_t name_max = 254;          // host and authority names
 static constexpr uint32_t file_name_max = 255;
-static constexpr uint32_t client_id_max = file_name_max - (sizeof "sshd_config_obssh." - 1);   // which a client's begins
+// A client's name ends that of its file.
+static constexpr uint32_t client_id_max = file_name_max - (sizeof "sshd_config_obssh." - 1);
 static constexpr uint32_t path_max = 1023;
 static constexpr uint32_t trace_size_min = 1024;   // below this a trace file would rotate at every other line
 static constexpr uint32_t trace_size_max = 1u << 30;

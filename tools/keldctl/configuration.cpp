@@ -58,26 +58,27 @@ static std::string system_path(const char *name)
 
 enum verdict { ACCEPTED, REFUSED, NOT_JUDGED };
 
-/* Has keld -C check the candidate, or without one the committed configuration. It prints what it finds. What to do about
- * it is in *advice, unless it accepts. */
+/* Has keld -C check the candidate, or without one the committed configuration. It prints what it finds; unless it
+ * accepts, *advice says what to do. */
 static enum verdict ask_keld(std::string *advice)
 {
     pid_t pid = fork();
     if (pid == 0) become_keld();
     int status = 0;
     while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) continue;
+    int exited = pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (exited == 0) return ACCEPTED;
+    if (exited > 0 && exited != cannot_run) {
+        *advice = "keld -C refuses it, correct what it says above";
+        return REFUSED;
+    }
     if (pid < 0)
         *advice = std::string("cannot start keld -C (") + strerror(errno) + "), try again";
-    else if (WIFSIGNALED(status))
-        *advice = "keld -C was ended by signal " + std::to_string(WTERMSIG(status)) + ", try again";
-    else if (WEXITSTATUS(status) == cannot_run)
+    else if (exited == cannot_run)
         *advice = "cannot run keld -C, put keld beside keldctl or on PATH";
-    else if (WEXITSTATUS(status) != 0)
-        *advice = "keld -C refuses it, correct what it says above";
     else
-        return ACCEPTED;
-    bool judged = pid > 0 && WIFEXITED(status) && WEXITSTATUS(status) != cannot_run;
-    return judged ? REFUSED : NOT_JUDGED;
+        *advice = "keld -C was ended by signal " + std::to_string(WTERMSIG(status)) + ", try again";
+    return NOT_JUDGED;
 }
 
 /* The text of an operator's file, checked. 0 or 1. */
@@ -171,7 +172,8 @@ static int put_in_force(const std::string &text)
     return keldctl_fail("it is in force, but a loss of power could undo it (%s), commit again", strerror(unsure));
 }
 
-/* Text as the candidate, judged by keld -C. 0 or 1; one that was not judged goes, since nothing is wrong with it. */
+/* Makes text the candidate and has it judged. 0 or 1. Only a candidate that was judged stays, since it is what a check
+ * without a file looks at. */
 static int make_candidate(const char *file, const std::string &text)
 {
     std::string candidate = system_path(candidate_name);
@@ -180,7 +182,7 @@ static int make_candidate(const char *file, const std::string &text)
     enum verdict verdict = ask_keld(&advice);
     if (verdict == ACCEPTED) return 0;
     if (verdict == REFUSED) return keldctl_fail("%s: %s, it stays as %s", file, advice.c_str(), candidate_name);
-    (void)unlink(candidate.c_str());   // one that stays is checked next, and says so
+    (void)unlink(candidate.c_str());   // if it stays after all, a check names it
     return keldctl_fail("%s: %s, it was not put in force", file, advice.c_str());
 }
 

@@ -5,11 +5,28 @@
 #include "platform/confdb/confdb.h"
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <vector>
 
 using std::string;
+
+// A writer that adds to the committed file in the middle of its next readings.
+static int readings_disturbed;
+
+extern "C" {
+ssize_t __real_pread(int fd, void *buffer, size_t size, off_t offset);
+ssize_t __wrap_pread(int fd, void *buffer, size_t size, off_t offset);
+}
+
+ssize_t __wrap_pread(int fd, void *buffer, size_t size, off_t offset)
+{
+    ssize_t got = __real_pread(fd, buffer, size, offset);
+    if (readings_disturbed > 0 && readings_disturbed--)
+        std::ofstream(getenv("KELD_ROOT") + string("/var/etc/keld.conf"), std::ios::app) << "chassis { }";
+    return got;
+}
 
 class confdb_access : public conf_fixture {
 protected:
@@ -75,7 +92,14 @@ TEST_F(confdb_access, which_file_is_read)
     std::filesystem::remove(root + "/var/etc/keld.conf");
     commit("");
     std::filesystem::resize_file(root + "/var/etc/keld.conf", DDL_ACCESS_TEXT_MAX + 1);
-    EXPECT_EQ(open_error(0), "/var/etc/keld.conf: too large for a configuration");
+    EXPECT_EQ(open_error(0), "/var/etc/keld.conf: longer than 16777216 octets");
+    for (int disturbed : { 1, 3 }) {
+        commit("interfaces { } ");
+        readings_disturbed = disturbed;
+        EXPECT_EQ(open_error(0), disturbed == 1 ? "" : "/var/etc/keld.conf: written to while it was read, try again");
+        EXPECT_EQ(find(nullptr, { "chassis" }) != nullptr, disturbed == 1);
+        (void)ddl_access_close_db(0, 0);
+    }
 }
 
 TEST_F(confdb_access, what_stands_twice_is_one)

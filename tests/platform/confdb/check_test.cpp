@@ -62,16 +62,29 @@ TEST(confdb_check, syntax)
 
 TEST(confdb_check, names_kinds_and_limits)
 {
-    const string free_text = "text without control characters,";
+    const string free_text = "UTF-8 text without control characters,";
+    const string file_name = "a file name in UTF-8, without / and control characters and not . or .., 1 to 1023 octets";
     const struct { string text, fault; } rows[] = {
         { client("secret \"a \\\"quoted\\\" {;} \xc3\xa9\"; reconnect-strategy in-order; services netconf;"), "" },
         { client("servers { \"host name\" { port 65535; retry 4294967295; } 192.0.2.1; }"), "" },
         { client("keep-alive { retry 4294967296; }"),
           "c:1:66: found '4294967296', expected a number from 0 to 4294967295" },
         { client("reconnect-strategy stuck;"), "c:1:66: found 'stuck', expected one of sticky, in-order" },
-        { client("secret \"a\tb\";"), "c:1:54: found 'a\\x09b', expected " + free_text + " 0 to 254 octets" },
-        { "system { services { outbound-ssh { client \"../../x\"; } } }",
-          "c:1:43: found '../../x', expected letters, digits and : . _ -, 1 to 254 octets" },
+        { client("device-id \"a\tb\";"), "c:1:57: found 'a\\x09b', expected " + free_text + " 0 to 254 octets" },
+        // No message shows a secret, nor what may be the rest of one without quotes.
+        { client("secret \"a\tb\";"),
+          "c:1:54: found a secret of 3 octets, expected " + free_text + " 0 to 254 octets" },
+        { client("secret pass word;"), "c:1:59: found text behind a secret, expected ;" },
+        { client("secret a;\nx;"), "c:2:1: found 'x', expected one of device-id, secret, keep-alive, "
+                                   "reconnect-strategy, services, servers, }" },
+        { "system { services { outbound-ssh { client \"../../x\"; client " + string(237, 'c') + "; } } }",
+          "c:1:43: found '../../x', expected letters, digits and : . _ -, 1 to 237 octets" },
+        { deployment("local-certificate r1.pem; local-certificate .r1;"), "" },
+        { deployment("local-certificate local/r1.pem;"), "c:1:60: found 'local/r1.pem', expected " + file_name },
+        { deployment("local-certificate ..;"), "c:1:60: found '..', expected " + file_name },
+        { "security { certificates { certification-authority lab { file ssl/lab.pem; } } }",
+          "c:1:62: found 'ssl/lab.pem', expected an absolute path in UTF-8 without control characters, 1 to 1023 "
+          "octets" },
         { "interfaces { \"a<b\" { } }",
           "c:1:14: found 'a<b', expected letters, digits and / : . _ -, 1 to 59 octets" },
         { "interfaces { ge-0/0/0 { unit 0123456789; } }",
@@ -94,6 +107,17 @@ TEST(confdb_check, names_kinds_and_limits)
           "c:1:83: found '192.0.2', expected an IPv4 address" },
     };
     for (const auto &row : rows) EXPECT_EQ(fault_of(row.text), row.fault) << row.text;
+}
+
+TEST(confdb_check, texts_are_utf8_without_control_characters)
+{
+    for (const char *text : { "\xc2\xa0", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xf0\x90\x80\x80",
+                              "\xf4\x8f\xbf\xbf" })
+        EXPECT_EQ(fault_of(client(string("secret a") + text + "b;")), "") << text;
+    for (const char *text : { "\x7f", "\xc2\x9b", "\xc0\xaf", "\xe9", "\xe0\x9f\xbf", "\xe2\x82", "\xed\xa0\x80",
+                              "\xf0\x8f\xbf\xbf", "\xf0\x9f\x98", "\xf4\x90\x80\x80", "\x80" })
+        for (const char *end : { "\"", "b\"" })
+            EXPECT_NE(fault_of(client(string("secret \"a") + text + end + ";")), "") << testing::PrintToString(text);
 }
 
 TEST(confdb_check, size_and_depth_are_no_danger)

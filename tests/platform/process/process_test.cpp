@@ -101,11 +101,13 @@ TEST_F(process, pid_file_over_the_life_of_a_daemon)
     EXPECT_EQ(status, 0);
     EXPECT_EQ(pid_read(PID_FILE), 0);
 
-    // The next daemon: nothing is left of a former one's longer number.
-    std::ofstream(root + PID_FILE) << "123456789012\n";
+    // The next daemon: the number of a former one, still there when the lock is taken, is nobody's, and leaves no rest.
     fd = pid_lock(PID_FILE);
-    EXPECT_EQ(pid_read(PID_FILE), -1);
-    EXPECT_EQ(errno, EAGAIN);
+    for (const char *text : { "", "1234567890\n" }) {
+        std::ofstream(root + PID_FILE) << text;
+        EXPECT_EQ(pid_read(PID_FILE), -1);
+        EXPECT_EQ(errno, EAGAIN);
+    }
     EXPECT_EQ(pid_update(fd), 0);
     std::ifstream file(root + PID_FILE);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), std::to_string(getpid()) + "\n");

@@ -9,9 +9,12 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <set>
+#include <thread>
+#include <utility>
 #include <vector>
 
 using std::string;
@@ -20,6 +23,7 @@ using std::string;
 static int good_steps = -1;
 static bool steps_end_the_process;
 static pid_t told_pid;
+static int starting_daemon = -1, naps;   // its pid file; at the third pause of a commit it writes its pid
 
 static bool step_fails()
 {
@@ -43,6 +47,8 @@ int __wrap_rename(const char *from, const char *to);
 int __wrap_link(const char *from, const char *to);
 int __wrap_unlink(const char *path);
 int __wrap_kill(pid_t pid, int signal_number);
+int __real_nanosleep(const struct timespec *pause, struct timespec *left);
+int __wrap_nanosleep(const struct timespec *pause, struct timespec *left);
 }
 
 int __wrap_open(const char *path, int flags, mode_t mode) { return step_fails() ? -1 : __real_open(path, flags, mode); }
@@ -59,6 +65,12 @@ int __wrap_kill(pid_t pid, int signal_number)
     EXPECT_EQ(signal_number, SIGHUP);
     told_pid = pid;
     return 0;
+}
+
+int __wrap_nanosleep(const struct timespec *pause, struct timespec *left)
+{
+    if (starting_daemon < 0) return __real_nanosleep(pause, left);
+    return ++naps == 3 ? pid_update(starting_daemon) : 0;
 }
 
 static string failure;   // what keldctl_fail was given last
@@ -126,17 +138,20 @@ TEST_F(keldctl, commit_keeps_the_former_and_tells_the_daemon)
     EXPECT_EQ(printed, "committed, keld is not running\n");
     EXPECT_EQ(files(), (std::set<string>{ "keld.conf", "keld.conf.lock" }));
     EXPECT_EQ(content("/asked"), "-C\n" + first);
-    int pid_file = pid_lock("/var/run/keld.pid");
-    ASSERT_EQ(pid_update(pid_file), 0);
+    starting_daemon = pid_lock("/var/run/keld.pid");
+    naps = 3;
     EXPECT_EQ(commit_text(second), 0) << failure;
-    EXPECT_EQ(told_pid, getpid());
+    EXPECT_EQ(printed, "committed, keld is starting and will read it\n");
+    naps = 0;
     EXPECT_EQ(commit_text(third), 0) << failure;
+    EXPECT_EQ(told_pid, getpid());
+    EXPECT_EQ(commit_text(third), 0) << failure;   // the former one is still the one before
     EXPECT_EQ(in_force(), third);
     EXPECT_EQ(former(), second);
     struct stat status;
     ASSERT_EQ(stat((root + "/var/etc/keld.conf").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);   // it holds secrets
-    close(pid_file);
+    close(std::exchange(starting_daemon, -1));
 }
 
 TEST_F(keldctl, refusals_change_nothing)
@@ -149,16 +164,22 @@ TEST_F(keldctl, refusals_change_nothing)
     EXPECT_TRUE(failure.starts_with("new.conf:1:14: found 'a&b', expected letters, ")) << failure;
     EXPECT_EQ(keldctl_commit((root + "/none").c_str()), 1);
     EXPECT_EQ(files(), before);
-    keld("exit 3");
-    EXPECT_EQ(commit_text(second), 1);
-    EXPECT_EQ(failure, "keld -C refuses the configuration, correct what it says above");
-    EXPECT_EQ(keldctl_check(nullptr), 1);   // the candidate stays to be looked at
-    keld("kill -9 $$");
-    EXPECT_EQ(commit_text(second), 1);
-    std::filesystem::remove(root + "/keld");
-    setenv("PATH", root.c_str(), 1);
-    EXPECT_EQ(commit_text(second), 1);
-    EXPECT_EQ(failure, "cannot run keld -C, put keld beside keldctl or on PATH");
+    const string refusal = "keld -C refuses it, correct what it says above";
+    const struct { const char *keld; string says; } rows[] = {   // only what was judged stays, to be looked at
+        { "exit 3", refusal + ", it stays as /var/etc/keld.conf.candidate" },
+        { "kill -9 $$", "keld -C was ended by signal 9, try again, it was not put in force" },
+        { "exit 127", "cannot run keld -C, put keld beside keldctl or on PATH, it was not put in force" },
+    };
+    for (const auto &row : rows) {
+        keld(row.keld);
+        EXPECT_EQ(commit_text(second), 1);
+        EXPECT_EQ(failure, root + "/new.conf: " + row.says);
+        bool judged = &row == rows;
+        EXPECT_EQ(files().contains("keld.conf.candidate"), judged);
+        if (!judged) continue;
+        EXPECT_EQ(keldctl_check(nullptr), 1);
+        EXPECT_EQ(failure, "/var/etc/keld.conf.candidate: " + refusal);
+    }
     EXPECT_EQ(in_force(), first);
     EXPECT_EQ(former(), "");
 }
@@ -166,12 +187,27 @@ TEST_F(keldctl, refusals_change_nothing)
 TEST_F(keldctl, check)
 {
     EXPECT_EQ(keldctl_check(nullptr), 1);
+    EXPECT_EQ(failure, "/var/etc/keld.conf: no configuration yet, put one in force with keldctl commit FILE");
     commit("chassis { }");
+    testing::internal::CaptureStdout();
     EXPECT_EQ(keldctl_check(nullptr), 0) << failure;
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "/var/etc/keld.conf: nothing wrong\n");
+    string fifo = root + "/var/etc/keld.conf.candidate";   // as a FILE it may be one, in its place it holds nobody up
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    EXPECT_EQ(keldctl_check(nullptr), 1);
+    EXPECT_EQ(failure, "/var/etc/keld.conf.candidate: not a regular file");
+    std::thread writer([&] { write("/var/etc/keld.conf.candidate", "chassis {"); });
+    EXPECT_EQ(keldctl_check(fifo.c_str()), 1);
+    writer.join();
+    EXPECT_TRUE(failure.starts_with("keld.conf.candidate:1:10: found end of file")) << failure;
+    std::filesystem::remove(fifo);
     write("/var/etc/keld.conf.candidate", "chassis { capabilities 256; }");
     EXPECT_EQ(keldctl_check(nullptr), 1);
     EXPECT_EQ(failure, "keld.conf.candidate:1:24: found '256', expected a number from 0 to 255");
     EXPECT_EQ(keldctl_check((root + "/var/etc/keld.conf").c_str()), 0);
+    std::filesystem::resize_file(root + "/var/etc/keld.conf", 17 << 20);
+    EXPECT_EQ(keldctl_check((root + "/var/etc/keld.conf").c_str()), 1);
+    EXPECT_EQ(failure, "keld.conf: longer than 16777216 octets");
 }
 
 /* In a child, so that it may end there. Its exit status. */
@@ -189,6 +225,8 @@ static int commit_in_child(const string &file)
 
 TEST_F(keldctl, old_or_new_and_never_half)
 {
+    int pid_file = pid_lock("/var/run/keld.pid");
+    ASSERT_EQ(pid_update(pid_file), 0);
     for (bool ends : { true, false }) {
         int cut_short = 0, steps = 0;
         for (bool over = false; !over; steps++) {
@@ -198,7 +236,14 @@ TEST_F(keldctl, old_or_new_and_never_half)
             write("/new.conf", third);
             good_steps = steps;
             steps_end_the_process = ends;
-            int result = commit_in_child(root + "/new.conf");
+            told_pid = 0;
+            failure.clear();
+            int result = ends ? commit_in_child(root + "/new.conf") : keldctl_commit((root + "/new.conf").c_str());
+            good_steps = -1;
+            if (!ends) {   // whatever comes after it, what is in force is also told
+                bool untold = failure.find("could not be told") != string::npos;
+                EXPECT_EQ(in_force() == third && !untold, told_pid != 0) << steps << failure;
+            }
             over = result == 0 && in_force() == third && former() == second && steps > 30;
             cut_short += result != 0;
             EXPECT_TRUE(in_force() == second || in_force() == third) << steps << in_force();
@@ -208,6 +253,7 @@ TEST_F(keldctl, old_or_new_and_never_half)
         }
         EXPECT_GT(cut_short, 10);
     }
+    close(pid_file);
 }
 
 TEST_F(keldctl, commits_exclude_each_other)
@@ -242,6 +288,7 @@ TEST_F(keldctl, command_line)
         { "check /none", 1, "keldctl: cannot read /none: No such file or directory\n" },
         { "version", 0, KELD_RELEASE },
         { "--help", 0, "usage: keldctl check" },
+        { "check -h", 0, "usage: keldctl check" },
     };
     for (const auto &row : rows) {
         FILE *pipe = popen((string(getenv("KELD_BIN")) + "/keldctl " + row.arguments + " 2>&1").c_str(), "r");

@@ -61,7 +61,7 @@ TEST_F(keld_configuration, results_without_servers)
                    "IPv4 address\n");
     EXPECT_EQ(config.kc_source_addr, 0u);
     EXPECT_EQ(read("local-certificate \"a\tb\";"), 1);
-    EXPECT_TRUE(log.starts_with("keld.conf:1:60: certificate name left out: found 'a\\x09b', expected text")) << log;
+    EXPECT_TRUE(log.starts_with("keld.conf:1:60: certificate name left out: found 'a\\x09b', expected a file name")) << log;
     EXPECT_EQ(config.kc_cert_name, nullptr);
 }
 
