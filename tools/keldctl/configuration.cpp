@@ -62,6 +62,7 @@ enum verdict { ACCEPTED, REFUSED, NOT_JUDGED };
  * accepts, *advice says what to do. */
 static enum verdict ask_keld(std::string *advice)
 {
+    (void)signal(SIGCHLD, SIG_DFL);   // where it is ignored there is no status to wait for
     pid_t pid = fork();
     if (pid == 0) become_keld();
     int status = 0;

@@ -85,8 +85,6 @@ TEST(confdb_check, names_kinds_and_limits)
         { "security { certificates { certification-authority lab { file ssl/lab.pem; } } }",
           "c:1:62: found 'ssl/lab.pem', expected an absolute path in UTF-8 without control characters, 1 to 1023 "
           "octets" },
-        { "interfaces { \"a<b\" { } }",
-          "c:1:14: found 'a<b', expected letters, digits and / : . _ -, 1 to 59 octets" },
         { "interfaces { ge-0/0/0 { unit 0123456789; } }",
           "c:1:30: found '0123456789', expected letters, digits and / : . _ -, 1 to 9 octets" },
         { "interfaces a { unit 0 { vlan-id 4094; mtu 1500; disable; description \"\";"
@@ -97,7 +95,6 @@ TEST(confdb_check, names_kinds_and_limits)
           "c:1:48: found '192.0.2.1/24', expected an IPv6 address with its prefix length" },
         { deployment("servers { 192.0.2.1; 192.0.2.300; }"),
           "c:1:63: found '192.0.2.300', expected an IPv4 address" },
-        { deployment("servers 192.0.2.1 { port 0; }"), "c:1:67: found '0', expected a number from 1 to 65535" },
         { deployment("servers 192.0.2.1 { port +1; }"), "c:1:67: found '+1', expected a number from 1 to 65535" },
         { deployment("servers 192.0.2.1 { user \"\"; }"),
           "c:1:67: found '', expected " + free_text + " 1 to 64 octets" },
