@@ -47,11 +47,9 @@ TEST(process, one_daemon_for_a_root)
     EXPECT_EQ(router_run(router, "keld", { "-N" }), 1);
     EXPECT_EQ(file_read(router.root + "/var/log/messages"), "");
     EXPECT_EQ(file_read(router.root + "/var/run/keld.pid"), pid);
-    EXPECT_TRUE(within_s(
-        LIMIT_S, [&] { return file_read(router.root + "/var/log/keld").find("start logging") != std::string::npos; }));
+    EXPECT_TRUE(traced(router, "start logging"));
     EXPECT_EQ(router_stop(router, first), 0);
-    EXPECT_EQ(file_read(router.root + "/var/run/keld.pid"),
-              pid);   // the lock tells whether a daemon runs, not the file
+    EXPECT_EQ(file_read(router.root + "/var/run/keld.pid"), pid) << "the lock tells that a daemon runs, not the file";
 }
 
 TEST(process, goes_into_the_background_unless_told)
@@ -63,8 +61,7 @@ TEST(process, goes_into_the_background_unless_told)
     std::string path = router.root + "/var/run/keld.pid";
     ASSERT_TRUE(within_s(LIMIT_S, [&] { return file_read(path).find('\n') != std::string::npos; }));
     pid_t pid = static_cast<pid_t>(std::stoi(file_read(path)));
-    EXPECT_TRUE(within_s(
-        LIMIT_S, [&] { return file_read(router.root + "/var/log/keld").find("start logging") != std::string::npos; }));
+    EXPECT_TRUE(traced(router, "start logging"));
     int status = -1;
     kill(pid, SIGTERM);
     EXPECT_TRUE(within_s(LIMIT_S, [&] { return waitpid(pid, &status, WNOHANG) == pid; }));

@@ -11,7 +11,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sstream>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -37,28 +36,20 @@ router::router()
         std::filesystem::create_directories(root + folder);
 }
 
-static void show_file(const std::string &path)
-{
-    std::string text = file_read(path);
-    if (!text.empty()) fprintf(stderr, "--- %s\n%s", path.c_str(), text.c_str());
-}
-
 router::~router()
 {
     while (!started.empty()) router_stop(*this, started.back(), SIGKILL);
     if (testing::Test::HasFailure())
         for (const auto &entry : std::filesystem::recursive_directory_iterator(root))
             if (entry.path().extension() == ".out" || entry.path().parent_path().filename() == "log")
-                show_file(entry.path());
+                fprintf(stderr, "--- %s\n%s", entry.path().c_str(), file_read(entry.path()).c_str());
     std::filesystem::remove_all(root);
 }
 
 std::string file_read(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    return { std::istreambuf_iterator<char>(file), {} };
 }
 
 void router_write(const struct router &router, const std::string &path, const std::string &text)
@@ -116,10 +107,7 @@ int router_stop(struct router &router, const struct process &process, int signal
     if (signal_number) kill(process.pid, signal_number);
     bool ended = within_s(LIMIT_S, [&] { return waitpid(process.pid, &status, WNOHANG) == process.pid; });
     EXPECT_TRUE(ended) << process.output_path << " does not end";
-    if (!ended) {
-        kill(process.pid, SIGKILL);
-        waitpid(process.pid, &status, 0);
-    }
+    if (!ended && kill(process.pid, SIGKILL) == 0) waitpid(process.pid, &status, 0);
     close(process.input);
     pid_t pid = process.pid;   // process may be the entry that is erased
     std::erase_if(router.started, [pid](const struct process &entry) { return entry.pid == pid; });
@@ -135,19 +123,21 @@ int router_run(struct router &router, const std::string &name, const std::vector
     return status;
 }
 
-static bool file_gets(const std::string &path, const std::string &text, int limit_s)
+static bool file_gets(const std::string &path, const std::string &text)
 {
-    return within_s(limit_s, [&] { return file_read(path).find(text) != std::string::npos; });
+    return within_s(LIMIT_S, [&] { return file_read(path).find(text) != std::string::npos; });
 }
 
-bool printed(const struct process &process, const std::string &text, int limit_s)
+bool printed(const struct process &process, const std::string &text) { return file_gets(process.output_path, text); }
+
+bool logged(const struct router &router, const std::string &text)
 {
-    return file_gets(process.output_path, text, limit_s);
+    return file_gets(router.root + "/var/log/messages", text);
 }
 
-bool logged(const struct router &router, const std::string &text, int limit_s)
+bool traced(const struct router &router, const std::string &text)
 {
-    return file_gets(router.root + "/var/log/messages", text, limit_s);
+    return file_gets(router.root + "/var/log/keld", text);
 }
 
 void type_line(const struct process &process, const std::string &line)

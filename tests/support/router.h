@@ -48,9 +48,10 @@ int router_stop(struct router &router, const struct process &process, int signal
 int router_run(struct router &router, const std::string &name, const std::vector<std::string> &arguments,
                std::string *output = nullptr);
 
-/* True once a line with text stands in what the process printed, or in the router's system log. */
-bool printed(const struct process &process, const std::string &text, int limit_s = LIMIT_S);
-bool logged(const struct router &router, const std::string &text, int limit_s = LIMIT_S);
+/* True once text stands in what the process printed, in the router's system log, in the daemon's trace. */
+bool printed(const struct process &process, const std::string &text);
+bool logged(const struct router &router, const std::string &text);
+bool traced(const struct router &router, const std::string &text);
 /* Types a line into the process. */
 void type_line(const struct process &process, const std::string &line);
 

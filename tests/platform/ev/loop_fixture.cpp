@@ -1,7 +1,8 @@
 #include "tests/platform/ev/loop_fixture.h"
 
+#include <fcntl.h>
+#include <stdlib.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,14 +12,15 @@ int64_t now_ns;
 int allocation_to_fail;
 std::function<bool(int)> on_wait;
 
+#pragma GCC diagnostic ignored "-Wmissing-declarations"   // of what is called by the linker's hand only
 extern "C" {
 
-int __real_epoll_wait(int, struct epoll_event *, int, int), __wrap_epoll_wait(int, struct epoll_event *, int, int);
-int __real_epoll_ctl(int, int, int, struct epoll_event *), __wrap_epoll_ctl(int, int, int, struct epoll_event *);
-int __real_fcntl(int, int, ...), __wrap_fcntl(int, int, int);
-void *__real_malloc(size_t), *__wrap_malloc(size_t);
-void *__real_calloc(size_t, size_t), *__wrap_calloc(size_t, size_t);
-void *__real_realloc(void *, size_t), *__wrap_realloc(void *, size_t);
+decltype(epoll_wait) __real_epoll_wait;
+decltype(epoll_ctl) __real_epoll_ctl;
+decltype(malloc) __real_malloc;
+decltype(calloc) __real_calloc;
+decltype(realloc) __real_realloc;
+decltype(fcntl) __real_fcntl;
 
 int clock_gettime(clockid_t clock, struct timespec *out)
 {
@@ -43,7 +45,7 @@ int __wrap_epoll_ctl(int set, int operation, int fd, struct epoll_event *event)
 
 int __wrap_fcntl(int fd, int command, int value)
 {
-    counted.fcntls++;
+    counted.controls++;
     return __real_fcntl(fd, command, value);
 }
 
@@ -63,28 +65,27 @@ void call_timer(evContext, void *uap, struct ev_timespec, struct ev_timespec) { 
 void call_wait(evContext, void *uap, const void *)                            { (*static_cast<job *>(uap))(); }
 void call_file(evContext, void *uap, int, int)                                { (*static_cast<job *>(uap))(); }
 
-struct ev_timespec time_at(int64_t ms)
+loop::loop()
 {
-    return evConsTime(static_cast<int32_t>(ms / 1000), static_cast<int32_t>(ms % 1000 * MS));
-}
-
-void loop::SetUp()
-{
-    counted = {};
     now_ns = 0;
-    on_wait = nullptr;
-    allocation_to_fail = 0;
-    ASSERT_EQ(evCreate(&ctx), 0);
-    debug_out = fopen("/dev/null", "w");
+    EXPECT_EQ(evCreate(&ctx), 0);
     evSetDebug(ctx, 2, debug_out);
 }
 
-void loop::TearDown()
+loop::~loop()
 {
     on_wait = nullptr;
     EXPECT_EQ(evDestroy(ctx), 0);
     fclose(debug_out);
     for (int fd : descriptors) close(fd);
+}
+
+void *loop::saying(const std::string &word, const job &then)
+{
+    return keep([=, this] {
+        log += (log.empty() ? "" : " ") + word;
+        then();
+    });
 }
 
 std::string loop::turn(int times)
@@ -94,10 +95,10 @@ std::string loop::turn(int times)
     return log;
 }
 
-evTimerID loop::timer(int64_t due_ms, int64_t inter_ms, void *uap)
+evTimerID loop::timer(int64_t due_ms, void *uap)
 {
     evTimerID id = nullptr;
-    EXPECT_EQ(evSetTimer(ctx, call_timer, uap, time_at(due_ms), time_at(inter_ms), &id), 0);
+    EXPECT_EQ(evSetTimer(ctx, call_timer, uap, time_at(due_ms * MS), time_at(0), &id), 0);
     return id;
 }
 

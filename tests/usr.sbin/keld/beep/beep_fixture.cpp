@@ -26,10 +26,10 @@ static bool refused(size_t size)
 #pragma GCC diagnostic ignored "-Wmissing-declarations"
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 extern "C" {
-void *__real_malloc(size_t size);
-void *__real_calloc(size_t count, size_t size);
-void *__real_realloc(void *block, size_t size);
-char *__real_strdup(const char *text);
+decltype(malloc) __real_malloc;
+decltype(calloc) __real_calloc;
+decltype(realloc) __real_realloc;
+decltype(strdup) __real_strdup;
 void *__wrap_malloc(size_t size) { return refused(size) ? nullptr : __real_malloc(size); }
 void *__wrap_calloc(size_t count, size_t size) { return refused(count * size) ? nullptr : __real_calloc(count, size); }
 void *__wrap_realloc(void *block, size_t size) { return refused(size) ? nullptr : __real_realloc(block, size); }
@@ -56,8 +56,7 @@ static void take_log_line(int severity, const char *, const char *const *, const
 static std::string take(std::vector<std::string> &lines)
 {
     std::string all;
-    for (const auto &line : lines) all += (all.empty() ? "" : "|") + line;
-    lines.clear();
+    for (const auto &line : std::exchange(lines, {})) all += (all.empty() ? "" : "|") + line;
     return all;
 }
 
@@ -92,7 +91,8 @@ static uint8_t hear_start(const char *what, const char *data, int32_t length, st
     return profile.accept;
 }
 
-static uint8_t hear_indicate(const char *data, int32_t length, struct beep_channel *channel, struct beep_start_reply *out)
+static uint8_t hear_indicate(const char *data, int32_t length, struct beep_channel *channel,
+                             struct beep_start_reply *out)
 {
     if (profile.piggyback) out->br_piggyback = strdup(profile.piggyback);
     return hear_start("indicate ", data, length, channel);
@@ -123,7 +123,10 @@ static int hear_frame(struct beep_session *session, void *user_data, struct beep
 }
 
 static void hear_greeting(struct beep_session *) { profile.heard.push_back("greeting"); }
-static void hear_stop(void *data) { profile.heard.push_back("stop " + std::to_string(reinterpret_cast<uintptr_t>(data))); }
+static void hear_stop(void *data)
+{
+    profile.heard.push_back("stop " + std::to_string(reinterpret_cast<uintptr_t>(data)));
+}
 
 struct beep_profile table[ROW_COUNT] = {
     { "urn:frame", hear_greeting, hear_indicate, hear_confirm, hear_fail, hear_stop, hear_frame, nullptr },
@@ -161,7 +164,7 @@ int wire_write(void *transport, const void *buffer, int length)
     return static_cast<int>(count);
 }
 
-/* --- one engine ---------------------------------------------------------------------------------------------------- */
+/* --- one engine -------------------------------------------------------------------------------------------------- */
 
 void engine::SetUp()
 {
@@ -230,7 +233,9 @@ struct beep_channel *engine::add(uint16_t number, int row)
 void engine::run()
 {
     enum { QUIET_TURNS = 8 };   // the loop may serve waiters a few turns before it looks at descriptors again
-    auto moved = [this] { return io.in.size() * 100000 + (io.in.empty() ? 0 : io.in[0].octets.size()) - io.out.size(); };
+    auto moved = [this] {
+        return io.in.size() * 100000 + (io.in.empty() ? 0 : io.in[0].octets.size()) - io.out.size();
+    };
     for (int quiet = 0; quiet < QUIET_TURNS; quiet++) {
         size_t before = moved();
         ASSERT_GE(evTurn(ctx, 0), 0);
@@ -248,9 +253,9 @@ std::string engine::frame(const std::string &head, const std::string &body, std:
 {
     if (head.starts_with("SEQ")) return head + "\r\n";
     uint32_t &seqno = seqnos[atoi(head.c_str() + 4)];
-    std::string text = head + " " + std::to_string(seqno) + " " + std::to_string(body.size()) + "\r\n" + body + "END\r\n";
+    std::string numbers = " " + std::to_string(seqno) + " " + std::to_string(body.size());
     seqno += static_cast<uint32_t>(body.size());
-    return text;
+    return head + numbers + "\r\n" + body + "END\r\n";
 }
 
 void engine::expect_silence(size_t row)

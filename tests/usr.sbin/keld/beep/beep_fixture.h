@@ -1,6 +1,6 @@
 /*
- * One engine on a scripted transport. The test is the peer: it says what reads give and looks at what writes took. All
- * runs through the real loop; the descriptor is a socket with something to read for ever, so each turn calls the engine.
+ * One engine on a scripted transport. The test is the peer: it says what reads give and looks at what writes took. It
+ * runs in the real loop; the descriptor is a socket with something to read for ever, so each turn calls the engine.
  */
 #pragma once
 
@@ -27,14 +27,14 @@ struct wire {
     bool delivering = false;      // the last read gave octets
 };
 
-/* Allocations of everything linked but the C++ library, counted while armed. spare_frames leaves out the blocks of frames
- * being read; fail_at is the allocation that fails, from 1, 0 for none. */
+/* Allocations of everything linked but the C++ library, counted while armed. spare_frames leaves out the blocks of
+ * frames being read; fail_at is the allocation that fails, from 1, 0 for none. */
 extern struct memory_script {
     bool armed, spare_frames;
     long count, fail_at;
 } memory;
 
-/* Rows "urn:frame" with pro_frame and "urn:message" with pro_message record calls. A channel's user data is its number. */
+/* Rows "urn:frame" with pro_frame and "urn:message" with pro_message record calls. User data is a channel's number. */
 enum { ROW_FRAME, ROW_MESSAGE, ROW_COUNT };
 extern struct beep_profile table[ROW_COUNT];
 extern struct profile_script {
@@ -44,8 +44,8 @@ extern struct profile_script {
     std::vector<std::string> heard;
 } profile;
 
-/* Since the last call, joined by '|': calls of profiles (frames as "CHANNEL:TYPE+MSGNO+MORE PAYLOAD"), development prints,
- * insist lines, trace texts. */
+/* Since the last call, joined by '|': calls of profiles (frames as "CHANNEL:TYPE+MSGNO+MORE PAYLOAD"), development
+ * prints, insist lines, trace texts. */
 std::string heard(), printed(), insisted(), traced();
 
 enum speaker { PEER, KELD };

@@ -54,24 +54,18 @@ TEST(chan0, texts_and_what_they_say)
         { 'R', 0, "<greeting/>", "g 0" },
         { 'M', 0, MIME "<greeting></greeting>", "g 0" },
         { 'R', 0, " \t\r\n<greeting localize=\"en\" features\n=\n'a\"<b' />\n ", "g 0" },
-        { 'R', 0, "<greeting>\x80\xff</greeting >", "g 0" },
         { 'R', 0, "", REFUSED("XML not well formed") },
         { 'R', 0, "Content-Type: application/BEEP+xml\r\n\r\n<greeting/>", REFUSED("MIME header not correct.") },
         { 'R', 0, "<?xml version='1.0'?><greeting/>", REFUSED("unexpected element.") },
         { 'R', 0, "<!-- c --><greeting/>", REFUSED("XML not well formed") },
         { 'M', 0, "<!x[CDATA[y]]>", "? 0" },   // a bad '!' is printed and otherwise overlooked
         { 'R', 0, "<greeting/>x", REFUSED("trailing garbage") },
-        { 'R', 0, "<greeting></start>", REFUSED("Unexpected XML close tag") },
         { 'R', 0, "</greeting>", REFUSED("Unexpected XML close tag") },
-        { 'R', 0, "<greeting><start/></greeting>", REFUSED("unexpected element.") },
         { 'R', 0, "<greeting fine='1'/>", REFUSED("greeting, invalid attribute.") },
         { 'R', 0, "<greeting\x01/>", REFUSED("non-XML supported character  1") },
-        { 'E', 0, "<greeting/>", "-<error> not found in 'E' frame" },
         // <start>
         { 'M', 0, "<start serverName='x' number = \"3\"/>", "s 3" },
-        { 'M', 0, "<start><profile uri='urn:a'/><profile uri='urn:b'/></start>", "s 0 [urn:a] [urn:b]" },
         { 'M', 0, "<start number='70000'/>", "s 4464" },
-        { 'M', 0, "<start number='-1'/>", "s 65535" },
         { 'M', 0, START("<profile/>"), "-chan0_parse: profile element missing required uri" },
         { 'M', 0, START(PROFILE("<rpc/>")), "-Programmer error: invalid parse level 2" },
         { 'M', 0, "<profile uri='urn:a'/>", "-Invalid first element 'p' in 'M' frame" },
@@ -88,21 +82,18 @@ TEST(chan0, texts_and_what_they_say)
         // double quotes do not end a uri; the closing tag does, for the first profile of a message
         { 'M', 0, START("<profile uri=\"urn:a\"></profile>"), "s 1 [urn:a]" },
         { 'M', 0, START("<profile uri=\"urn:a\"/>"), "s 1 [urn:a\"/></start>]" },
-        { 'M', 0, START(PROFILE("<![CDATA[0]]>") PROFILE("<![CDATA[0]]>")), "s 1 [urn:a=<![CDATA[0] [urn:a=<![~DATA[0]" },
+        { 'M', 0, START(PROFILE("<![CDATA[0]]>") PROFILE("<![CDATA[0]]>")),
+          "s 1 [urn:a=<![CDATA[0] [urn:a=<![~DATA[0]" },
         // <close>
         { 'M', 0, "<close code=\"200\" xml:lang='en' number='7'>bye &lt;now&gt;</close>", "c 7 200 bye <now>" },
-        { 'M', 0, "<close code='200'/>", "c 0 200" },
         { 'M', 0, "<close code='200'>a<profile uri='x'/>b</close>", "c 0 200 a [x]" },
         { 'M', 0, "<close number='1' code=''/>", "-missing attribute 'code'" },
         // <ok/> has the op of <close> and no code: it is never good
         { 'R', 5, "<ok/>", "-missing attribute 'code'" },
         { 'R', 5, MIME " <ok /> ", "-missing attribute 'code'" },
-        { 'E', 5, "<ok/>", "-missing attribute 'code'" },
         { 'R', 5, "<ok></ok>", REFUSED("ok, must be empty tag.") },
         // <error> and other replies, which take what the request knows
         { 'E', 5, "<error code='550' xml:lang='en'>no</error>", "s 9 550 no [urn:p]" },
-        { 'E', 6, "<error code='550'/>", "-RPY/ERR to non-existant MSG or out-of-order" },
-        { 'E', 5, "<error number='1' code='550'/>", REFUSED("unexpected element.") },
         { 'E', 5, "<close code='200'/>", "-<error> not found in 'E' frame" },
         { 'R', 5, "<error code='550'/>", "-<error> not in 'E' frame" },
         { 'R', 5, "<profile uri='urn:b'/>", "s 9 [urn:b]" },
@@ -125,26 +116,18 @@ TEST(chan0, texts_and_what_they_say)
     EXPECT_EQ(parsed(&session, 'R', 1, "<profile uri='u'/>"), "s 1 [u]");
     EXPECT_EQ(parsed(&session, 'R', 2, "<close code='1'/>"), "c 3 1");
     bp_queue_free(session.bs_chan0_sent);
-
-    struct beep_frame *part = frame_new('M', 0, 0, '*', 11, -1, "<greeting/>");
-    EXPECT_FALSE(chan0_msg_parse(&session, part));
-    EXPECT_FALSE(chan0_msg_parse(&session, nullptr));
-    EXPECT_EQ(printed(), "");
-    frame_free(part);
 }
 
 TEST(chan0, texts_written)
 {
     char buf[CHAN0_TEXT_MAX];
     const char *piggybacks[] = { nullptr, "<x a='1'>&" };
-    const struct {
-        size_t length;
-        std::string text, wanted;
-    } rows[] = {
+    const struct { size_t length; std::string text, wanted; } rows[] = {
         { chan0_fmt_start(buf, sizeof buf, 65535, table, 2, piggybacks), buf,
           MIME "<start number='-1'>\n<profile uri='urn:frame' />"
                "<profile uri='urn:message' ><![CDATA[<x a='1'>&]]></profile></start>" },
-        { chan0_fmt_profile(buf, sizeof buf, table, "", 1), buf, MIME "<profile uri='urn:frame' ><![CDATA[]]></profile>" },
+        { chan0_fmt_profile(buf, sizeof buf, table, "", 1), buf,
+          MIME "<profile uri='urn:frame' ><![CDATA[]]></profile>" },
         { chan0_fmt_error(buf, sizeof buf, 7, nullptr), buf, MIME "<error code='  7' />" },
         { chan0_fmt_error(buf, sizeof buf, 553, "a<b"), buf, MIME "<error code='553' >a<b</error>" },
         { chan0_fmt_close(buf, sizeof buf, 65535, 200, nullptr), buf, MIME "<close number='65535' code='200' />" },

@@ -18,14 +18,13 @@ static const struct wire::piece AGAIN = { "", EAGAIN };
 TEST_F(frame_in, header_lines_taken_and_thrown_away)
 {
     static const std::string pad(BEEP_HEADER_MAX - 15, ' ');
-    static const struct {
-        std::string octets, heard, traced;
-    } rows[] = {
+    static const struct { std::string octets, heard, traced; } rows[] = {
         { "MSG 1 0 . 0 3\r\nabcEND\r\n", "1:M0. abc", "" },
-        { "MSG 1 0 . 0 3\r\nabcENDXXMSG 1 0 . 3 0\r\n\r\n\r\n.", "1:M0. abc|1:M0. ", "" },   // any five octets are a trailer
+        // any five octets are a trailer
+        { "MSG 1 0 . 0 3\r\nabcENDXXMSG 1 0 . 3 0\r\n\r\n\r\n.", "1:M0. abc|1:M0. ", "" },
         { "MSG  +1\t-0 .+0 0003\r\nabcEND\r\n", "1:M0. abc", "" },
         { "MSG 65537 0 . 4294967296 4294967299\r\nabcEND\r\n", "1:M0. abc", "" },             // cut to their widths
-        { "MSG 1 0 . 0\r\n3abEND\r\n", "1:M0. 3ab", "" },                                     // size taken from behind the line
+        { "MSG 1 0 . 0\r\n3abEND\r\n", "1:M0. 3ab", "" },                              // size from behind the line
         { "MSG 1 0 x 0 3\r\nabcEND\r\n", "1:M0x abc", "" },
         { "MSG 1 0 . 0 3" + pad + "\r\nabcEND\r\n", "1:M0. abc", "" },                        // 80 octets
         { "MSG 1 0 . 0 3 " + pad + "\r\nabcEND\r\n", "", "header line too long, discarded|" UNKNOWN },
@@ -33,14 +32,11 @@ TEST_F(frame_in, header_lines_taken_and_thrown_away)
           UNKNOWN "|" UNKNOWN "|" UNKNOWN "|" UNKNOWN },
         { "MSG 1 0 . 0\r\n", "", "parse error: cannot parse header, discard the line" },
         { "MSG 1 0 . 0 -1\r\n", "", "parse error: received frame with negative size, discard the line" },
-        { "MSG 1 0 . 0 9223372036854775808\r\n", "",
-          "parse error: received frame with negative size, discard the line" },
-        { "MSG 1 -1 . 0 3\r\nabcEND\r\n", "", "handle_frame_non0: MSG frame -1 discarded" },   // -1 stands for none answered
+        { "MSG 1 -1 . 0 3\r\nabcEND\r\n", "", "handle_frame_non0: MSG frame -1 discarded" },   // the mark of none
         { "MSG 9 0 . 777 3\r\nabcEND\r\n", "", "ERROR: got frame for non-existant channel 9, discarded" },
         // refused frames move the sequence number on
         { "ANS 1 0 . 0 3 7\r\nabcEND\r\nMSG 1 0 . 3 1\r\nxEND\r\n", "1:M0. x", REFUSED("1") },
         { "NUL 1 0 . 0 0\r\nEND\r\nMSG 1 0 . 0 1\r\nxEND\r\n", "1:M0. x", REFUSED("1") },
-        { "ANS 1 0 . 0 3\r\n", "", "parse error: cannot parse ANS, discard the line" },
         { "MSG 1 0 * 0 1\r\naEND\r\nRPY 1 0 . 1 1\r\nbEND\r\nMSG 1 0 . 2 1\r\ncEND\r\n", "1:M0* a|1:M0. c",
           "Received message of mixed type|ERROR: got invalid frame on channel 1, discarded" },
         { "MSG 1 0 * 0 1\r\naEND\r\nMSG 1 1 . 1 1\r\nbEND\r\nMSG 1 0 . 2 1\r\ncEND\r\n", "1:M0* a|1:M0. c",
@@ -87,9 +83,7 @@ TEST_F(frame_in, seq_sets_the_limit_as_it_comes)
 // What is not consumed is parsed again, without a turn of the loop, until octets fill the buffer.
 TEST_F(frame_in, desynchronised_peer_is_heard_out_and_given_up)
 {
-    static const struct {
-        std::string line, reason;
-    } rows[] = {
+    static const struct { std::string line, reason; } rows[] = {
         { "MSG 1 0 . 5 3\r\n", "ERROR: Frame received with unexpected sequence number" },
         { "MSG 1 0 . 0 3\n", "ERROR: incomplete header line" },
         { std::string("MSG 1 0 . \0 3\r\n", 15), "ERROR: incomplete header line" },
@@ -119,12 +113,14 @@ TEST_F(frame_in, ends_of_the_stream)
     for (int error : { 0, ECONNRESET }) {
         ready();
         add(1, ROW_MESSAGE);
+        if (error) beep_set_session_close_cb(session, nullptr);
         io.in = { { "MSG 1 0 * 0 3\r\nabcEND\r\nMSG 1 0 . 3 9\r\nabc", 0 }, AGAIN, { "", error } };
         run();
         std::string end = error ? "Read error: Connection reset by peer" : "Read: unexpected EOF";
         EXPECT_NE(traced().find(end + "|channel 0 deleted|channel 1 deleted"), std::string::npos) << end;
         EXPECT_EQ(heard(), "stop 1");
-        EXPECT_EQ(closed_calls, 1);
+        EXPECT_EQ(closed_calls, error == 0);
+        EXPECT_EQ(session->bs_read_id != nullptr, error == 0);   // left to who was called, stopped if nobody is
         EXPECT_TRUE(session->bs_rx_frame);   // the half-read frame stays until the session goes
         EXPECT_EQ(status(), BEEP_STATE_ENDED);
     }
@@ -154,7 +150,8 @@ TEST_F(frame_in, pieces_of_the_stream_make_no_difference)
         profile = {};
         profile.echo = true;
         session = beep_session_new(fds[0], ctx, 'I', table, ROW_COUNT, wire_read, wire_write, &io);
-        add(1, ROW_FRAME), add(2, ROW_MESSAGE);
+        add(1, ROW_FRAME);
+        add(2, ROW_MESSAGE);
         run();
         EXPECT_EQ(status(), BEEP_STATE_READY);
         end();
@@ -164,7 +161,7 @@ TEST_F(frame_in, pieces_of_the_stream_make_no_difference)
         return channels[1] + channels[2];
     };
     std::string whole = cut_at(stream.size());
-    EXPECT_EQ(std::count(whole.begin(), whole.end(), ':'), 4 * (2 + 1 + 1));   // deliveries of both channels, and the text's own
+    EXPECT_EQ(std::count(whole.begin(), whole.end(), ':'), 4 * (2 + 1 + 1));   // deliveries, and the text's own
     for (size_t pieces : { 1, 2, 3, 7, 79, 80, 81, 150 }) EXPECT_EQ(cut_at(pieces), whole) << pieces;
     for (int round = 0; round < 25; round++) EXPECT_EQ(cut_at(0), whole) << "random cut " << round;
 }
@@ -176,10 +173,10 @@ TEST_F(frame_in, window_follows_what_is_queued)
     add(1, ROW_FRAME);
     struct beep_channel *channel = add(2, ROW_MESSAGE);
     converse({
-        { PEER, "RPY 0 0 .", "<greeting/>" }, { KELD, "SEQ 0 11 4085" },          // given back on channel 0 with the next SEQ only
+        { PEER, "RPY 0 0 .", "<greeting/>" }, { KELD, "SEQ 0 11 4085" },          // given back with the next SEQ only
         { PEER, "RPY 0 0 .", "<greeting/>" }, { KELD, "SEQ 0 22 4085" },
         { PEER, "MSG 1 0 .", "abc" },         { KELD, "SEQ 1 3 4096" },           // receipt and delivery merge
-        { PEER, "MSG 1 0 .", "" },                                                // a repeat of a MSG not answered yet: heard again
+        { PEER, "MSG 1 0 .", "" },                                                // not answered yet: heard again
         { PEER, "MSG 2 0 *", std::string(2048, 'x') }, { KELD, "SEQ 2 2048 2048" },
         { PEER, "MSG 2 0 *", std::string(2048, 'x') }, { KELD, "SEQ 2 4096 0" },
         { PEER, "MSG 2 0 *", "beyond" },               { KELD, "SEQ 2 4102 0" },  // nobody polices the window
@@ -201,10 +198,9 @@ TEST_F(frame_in, window_follows_what_is_queued)
 TEST_F(frame_in, process_ends_without_memory_for_a_frame)
 {
     ready();
-    add(1, ROW_FRAME), add(2, ROW_MESSAGE);
-    static const struct {
-        const char *octets, *last, *insist;
-    } rows[] = {
+    add(1, ROW_FRAME);
+    add(2, ROW_MESSAGE);
+    static const struct { const char *octets, *last, *insist; } rows[] = {
         { "", "MSG 1 0 . 0 3\r\nabcEND\r\n", "beep_parse_head_for_session:2612: insist 'fp != NULL' failed" },
         { "MSG 2 0 * 0 3\r\nabcEND\r\n", "MSG 2 0 . 3 0\r\nEND\r\n",
           "beep_frame_aggregate_internal:2779: insist 'out' failed" },

@@ -1,7 +1,48 @@
-// Memory: a conversation survives the failure of any one allocation, and in its stride needs one for each frame.
+/*
+ * Memory: the pointer queue; a conversation survives the failure of any one allocation, and in its
+ * stride needs one for each frame.
+ */
 #include "tests/usr.sbin/keld/beep/beep_fixture.h"
 
-#include <string.h>
+TEST(bp_queue, keeps_order_through_full_rings_and_growth)
+{
+    EXPECT_FALSE(bp_queue_new(1));
+    for (long fail_at : { 0, 3 }) {                     // the third fails, when two of the four places are there
+        struct bp_queue *queue = bp_queue_new(4);
+        std::deque<uintptr_t> model = { 2, 3, 4, 5 };   // the oldest in mid-ring
+        memory = { true, false, 0, fail_at };
+        EXPECT_EQ(bp_queue_put(queue, 1), 0);
+        EXPECT_EQ(bp_queue_get(queue), 1u);
+        for (uintptr_t value : model) EXPECT_EQ(bp_queue_put_and_grow(queue, value), 0);
+        EXPECT_EQ(bp_queue_put(queue, 6), 1);
+        EXPECT_EQ(memory.count, 0);
+        EXPECT_EQ(bp_queue_put_and_grow(queue, 6) != 0, fail_at > 0);
+        EXPECT_EQ(queue->capacity, fail_at ? 6 : 8);
+        while (bp_queue_len(queue) < queue->capacity) EXPECT_EQ(bp_queue_put(queue, 7), 0);
+        for (uintptr_t value : model) EXPECT_EQ(bp_queue_get(queue), value);
+        EXPECT_EQ(bp_queue_get(queue), fail_at ? 7u : 6u);
+        memory = {};
+        bp_queue_free(queue);
+    }
+}
+
+// A stored zero reads as the end, and goes uncounted.
+TEST(bp_queue, removes_up_to_an_entry)
+{
+    static const struct { std::vector<uintptr_t> put; uintptr_t till; int removed, left; uintptr_t head; } rows[] = {
+        { { 5, 2, 3 }, 2, 2, 1, 3 }, { { 3 }, 9, 1, 0, 0 }, { {}, 9, 0, 0, 0 },
+        { { 0, 1 }, 1, 0, 1, 1 }, { { 1, 0, 2 }, 2, 1, 1, 2 },
+    };
+    for (const auto &row : rows) {
+        struct bp_queue *queue = bp_queue_new(4);
+        for (uintptr_t value : row.put) EXPECT_EQ(bp_queue_put(queue, value), 0);
+        EXPECT_EQ(bp_queue_find(queue, 6), 0);
+        EXPECT_EQ(bp_queue_get_till(queue, row.till), row.removed);
+        EXPECT_EQ(bp_queue_len(queue), row.left);
+        EXPECT_EQ(bp_queue_peek(queue), row.head);
+        bp_queue_free(queue);
+    }
+}
 
 class beep_memory : public engine
 {
@@ -9,7 +50,8 @@ public:
     void whole_conversation();
 };
 
-/* Up, a start from each side, messages both ways on both kinds of channel, closes both ways. Results are not looked at. */
+/* Up, a start from each side, messages both ways on both kinds of channel, closes both ways. Results are not looked
+ * at. */
 void beep_memory::whole_conversation()
 {
     const char *piggyback[] = { "offer" };
@@ -70,7 +112,8 @@ TEST_F(beep_memory, one_allocation_for_each_frame_and_message)
 {
     enum { ROUNDS = 100 };
     ready();
-    add(1, ROW_MESSAGE), add(2, ROW_FRAME);
+    add(1, ROW_MESSAGE);
+    add(2, ROW_FRAME);
     keld_dtf_options.dtf_level = DTF_LEVEL_OFF;
     feed("SEQ 1 0 99999\r\nSEQ 2 0 99999\r\n");
     long counts[3] = {};
@@ -79,9 +122,9 @@ TEST_F(beep_memory, one_allocation_for_each_frame_and_message)
         memory = { round > 0, false, 0, 0 };   // the first round fills the loop's pools and makes the SEQs
         ASSERT_EQ(send(1, "question"), 0);
         run();
-        counts[0] += memory.count, memory.count = 0;
+        counts[0] += std::exchange(memory.count, 0);
         hear("RPY 1 " + number + " .", "answer");
-        counts[1] += memory.count, memory.count = 0;
+        counts[1] += std::exchange(memory.count, 0);
         profile.echo = true;
         hear("MSG 2 " + number + " .", "question");
         profile.echo = false;

@@ -16,7 +16,7 @@ TEST_F(session, refused_servers_are_tried_in_turn_every_60_seconds)
     server.listen_fd = -1;
     start("127.0.0.1 { PORT; } 127.0.0.2 { PORT; } 127.0.0.3 { PORT; }");
     size_t attempts = 0;
-    for (const char *address : { "127.0.0.1", "127.0.0.2", "127.0.0.3", "127.0.0.1", "127.0.0.2" }) {
+    for (const char *address : { "127.0.0.1", "127.0.0.2", "127.0.0.3", "127.0.0.1" }) {
         EXPECT_EQ(current_server.ks_addr, inet_addr(address));
         EXPECT_EQ(logged("5 KELD_CONNECT_FAIL"), ++attempts);
         pass(59);
@@ -59,7 +59,6 @@ TEST_F(session, the_interval_changes_at_the_next_tick_which_sends_as_well)
     EXPECT_EQ(getsockopt(keld_fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, &size), 0);
     EXPECT_NE(no_delay, 0);
     EXPECT_NE(fcntl(keld_fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_EQ(heard("<os>TARNE</os>"), 1u);
     EXPECT_EQ(tkel_log(keld_sp, "<x/>"), -1) << "asked for, not there yet";
     confirm("<keepalive>30</keepalive>");
     pass(14);
@@ -71,13 +70,10 @@ TEST_F(session, the_interval_changes_at_the_next_tick_which_sends_as_well)
     EXPECT_EQ(heard("<keepalive/>"), 1u);
     pass(1);
     EXPECT_EQ(heard("<keepalive/>"), 2u);
-    EXPECT_EQ(keepalive_count, 2);
-    EXPECT_EQ(last_ka_time, time(nullptr));
 
     peer_hang_up(server);
     turns();
     EXPECT_EQ(keld_sp, nullptr) << "the server's end is noticed at once";
-    EXPECT_EQ(keepalive_count, 0);
 }
 
 TEST_F(session, silence_ends_it_after_more_than_three_intervals)
@@ -92,15 +88,6 @@ TEST_F(session, silence_ends_it_after_more_than_three_intervals)
     EXPECT_EQ(keld_sp, nullptr);
     EXPECT_EQ(keld_fd, -1);
     EXPECT_EQ(keld_keepalive_id, nullptr);
-    EXPECT_EQ(last_conn_time, 0);
-    peer_hang_up(server);
-    server.seqno.clear();
-    server.received.clear();
-    pass(60);
-    greet();
-    last_rcvd_time = 0;
-    pass(120);
-    EXPECT_NE(keld_sp, nullptr) << "0 disables the test";
 }
 
 /* A server that asks for one second gives the interval 0, and a timer with that interval fires only once. */
@@ -154,12 +141,14 @@ TEST_F(session, a_stalled_attempt_leaves_one_timer_for_the_next)
 {
     start("127.0.0.1 { PORT; security-options { tls; } }", "local-certificate none.pem;");
     EXPECT_EQ(logged("KELD_PRIVATIZE_FAIL: SSL_CTX_use_certificate_file"), 1u);
+    configure("127.0.0.1 { PORT; }");
+    reload();
     pass(120);
-    EXPECT_EQ(logged("KELD_"), 1u) << "nothing is tried again";
-    for (const char *servers : { "", "127.0.0.1 { PORT; }" }) {
-        configure(servers);
-        reload();
-    }
+    EXPECT_EQ(logged("KELD_"), 1u) << "nothing is tried again, and a reload alone changes nothing";
+    configure("");
+    reload();
+    configure("127.0.0.1 { PORT; }");
+    reload();
     ASSERT_TRUE(peer_accept(server));   // the attempt that stalled
     peer_hang_up(server);
     greet();
