@@ -9,11 +9,13 @@
  */
 #include "platform/confdb/confdb.h"
 
+#include "platform/confdb/changes.h"
 #include "platform/confdb/load.h"
 #include "platform/log/log.h"
 #include "platform/text/text.h"
 
 #include <arpa/inet.h>
+#include <malloc.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -22,6 +24,7 @@ enum open_error { OPEN_FAILED = 1, OPEN_ALREADY = 2, NOT_OPEN = 3 };
 
 static struct {
     struct conf_tree *tree;   // owned; null while closed
+    struct conf_text text;    // that tree was made of; owned, holds none while closed
     bool check;               // errors go to standard error
     int errors;               // reported since the last opening
     int objects_out;
@@ -37,9 +40,11 @@ int ddl_access_open_db(int, const char *, const void *, int, int check)
     }
     db.check = check != 0;
     db.errors = db.objects_out = db.attributes_out = 0;
-    const char *file;
-    db.tree = conf_load(db.check, &file, db.error, sizeof db.error);
-    return db.tree ? 0 : OPEN_FAILED;
+    if (!conf_read(db.check, &db.text, db.error, sizeof db.error)) return OPEN_FAILED;
+    db.tree = conf_parse(db.text.cx_path, db.text.cx_octets, db.text.cx_length, db.error, sizeof db.error);
+    if (db.tree) return 0;
+    conf_text_free(&db.text);
+    return OPEN_FAILED;
 }
 
 const char *ddl_access_strerror(int error)
@@ -55,6 +60,10 @@ int ddl_access_close_db(int, int)
     }
     conf_tree_free(db.tree);
     db.tree = nullptr;
+    if (!db.check) conf_changes_close(&db.text);
+    conf_text_free(&db.text);
+    // The trees' pages go back to the system: a daemon idles for days between two readings.
+    (void)malloc_trim(0);
     return 0;
 }
 
@@ -106,11 +115,6 @@ int ddl_access_config_had_errors(void)
 
 /* --- objects --------------------------------------------------------------------------------------------------- */
 
-static bool is_list(const struct ddl_object *object)
-{
-    return object->do_row->cr_shape == CONF_LIST && !conf_object_is_element(object);
-}
-
 static bool has_value(const struct ddl_object *object)
 {
     return object->do_row->cr_shape == CONF_LEAF || object->do_row->cr_shape == CONF_PRESENCE;
@@ -139,7 +143,7 @@ struct ddl_object *ddl_access_object_find_by_name(struct ddl_object *parent, con
     if (!db.tree) return nullptr;
     struct ddl_object *object = parent ? parent : conf_tree_top(db.tree);
     for (; *path && object; path++) {
-        if (is_list(object) && strcmp(*path, "<*>") == 0)
+        if (conf_object_is_list(object) && strcmp(*path, "<*>") == 0)
             return path[1] || !object->do_first ? nullptr : hand_out(object);
         object = child_by_name(object, *path);
     }
@@ -158,9 +162,21 @@ bool ddl_access_object_configured(struct ddl_object *object, const char *name, i
     return object && child_by_name(object, name);
 }
 
+bool ddl_access_object_changed(struct ddl_object *object)
+{
+    return object && db.tree && !db.check && conf_object_changed(&db.text, object);
+}
+
+void ddl_access_changes_settle(void)
+{
+    if (db.tree && !db.check) conf_changes_settle();
+}
+
 bool ddl_access_visit_container(struct ddl_object *object, struct ddl_object **cursor, int)
 {
-    struct ddl_object *next = *cursor ? (*cursor)->do_next : object && is_list(object) ? object->do_first : nullptr;
+    struct ddl_object *next = nullptr;
+    if (*cursor) next = (*cursor)->do_next;
+    else if (object && conf_object_is_list(object)) next = object->do_first;
     ddl_access_release(*cursor);
     for (; next; next = next->do_next) {
         if (conf_name_is_safe(next->do_row, next->do_text)) break;

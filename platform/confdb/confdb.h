@@ -53,6 +53,18 @@ int ddl_access_close_db(int first, int second);
                                                                int fourth, int fifth);
 /* True if the keyword name stands below object; a value or a bare keyword counts too. */
 bool ddl_access_object_configured(struct ddl_object *object, const char *name, int third);
+/* Change marks. True if the object, or anything at all below it, is not as it was in the former configuration: another
+ * value, more or fewer keywords or elements, elements in another order. White space, comments and the order of keywords
+ * do not count.
+ *
+ * The former configuration is the one that was settled last. In a process that has settled none it is the first that it
+ * read, or, as long as it has read no other, the one that keldctl kept as /var/etc/keld.conf.1. If there is neither, or
+ * no memory to look at it, nothing is marked. Only readings of the committed configuration count, and only in those is
+ * anything marked; all openings up to the settling see the same marks. */
+bool ddl_access_object_changed(struct ddl_object *object);
+/* The caller has acted on all marks: from its closing on, what is read now is the former configuration. Without memory
+ * to look at the former one nothing is settled, so that the next reading marks what this one could not. */
+void ddl_access_changes_settle(void);
 /* Steps *cursor (null at the start) through a list's elements, in the order of the file; false at the end, *cursor then
  * null. Stepping releases the element left; a walk that ends early releases *cursor. An element whose name has
  * characters that are not safe where such names end up is reported and left out. False for what is no list. */

@@ -1,5 +1,5 @@
 /*
- * Loading: reads a configuration file whole, then parses it.
+ * Loading: reads a configuration file whole.
  *
  * keldctl only ever replaces a configuration by rename, so its octets belong together. Whoever writes to the file in
  * place does not promise that: a file that moved during the reading is read again, a few times. Only regular files are
@@ -19,6 +19,7 @@
 
 static constexpr char committed_path[] = "/var/etc/keld.conf";
 static constexpr char candidate_path[] = "/var/etc/keld.conf.candidate";
+static constexpr char former_path[] = "/var/etc/keld.conf.1";
 
 static constexpr char too_large[] = "longer than 16777216 octets";
 static_assert(DDL_ACCESS_TEXT_MAX == 16777216);
@@ -71,23 +72,10 @@ static const char *read_steady(int fd, char **text, size_t *length)
         if (!why && fstat(fd, &after) < 0) why = strerror(errno);
         if (!why && *text && is_unchanged(&before, &after)) return nullptr;
         free(*text);
+        *text = nullptr;
         if (why) return why;
     }
     return "written to while it was read, try again";
-}
-
-static struct conf_tree *parse_file(int fd, const char *path, char *error, size_t size)
-{
-    char *text = nullptr;
-    size_t length = 0;
-    const char *why = read_steady(fd, &text, &length);
-    if (why) {
-        (void)snprintf_safe(error, size, "%s: %s", path, why);
-        return nullptr;
-    }
-    struct conf_tree *tree = conf_parse(path, text, length, error, size);
-    free(text);
-    return tree;
 }
 
 static int open_file(const char *path)
@@ -95,24 +83,49 @@ static int open_file(const char *path)
     return platform_open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY, 0);
 }
 
+bool conf_read(bool check, struct conf_text *text, char *error, size_t size)
+{
+    *text = { check ? candidate_path : committed_path, nullptr, 0 };
+    int fd = open_file(text->cx_path);
+    if (fd < 0 && errno == ENOENT && check) {
+        text->cx_path = committed_path;
+        fd = open_file(text->cx_path);
+    }
+    if (fd < 0 && errno == ENOENT) {
+        (void)snprintf_safe(error, size, "%s: no configuration yet, put one in force with keldctl commit FILE",
+                            text->cx_path);
+        return false;
+    }
+    const char *why = fd < 0 ? strerror(errno) : read_steady(fd, &text->cx_octets, &text->cx_length);
+    if (why) (void)snprintf_safe(error, size, "%s: %s", text->cx_path, why);
+    if (fd >= 0) (void)close(fd);   // it was only read
+    return !why;
+}
+
+bool conf_read_former(struct conf_text *text)
+{
+    *text = { former_path, nullptr, 0 };
+    int fd = open_file(former_path);
+    if (fd < 0) return false;
+    const char *why = read_steady(fd, &text->cx_octets, &text->cx_length);
+    (void)close(fd);   // it was only read
+    return !why;
+}
+
+void conf_text_free(struct conf_text *text)
+{
+    free(text->cx_octets);
+    text->cx_octets = nullptr;
+    text->cx_length = 0;
+}
+
 struct conf_tree *conf_load(bool check, const char **file, char *error, size_t size)
 {
-    const char *path = check ? candidate_path : committed_path;
-    int fd = open_file(path);
-    if (fd < 0 && errno == ENOENT && check) {
-        path = committed_path;
-        fd = open_file(path);
-    }
-    *file = path;
-    if (fd < 0 && errno == ENOENT) {
-        (void)snprintf_safe(error, size, "%s: no configuration yet, put one in force with keldctl commit FILE", path);
-        return nullptr;
-    }
-    if (fd < 0) {
-        (void)snprintf_safe(error, size, "%s: %s", path, strerror(errno));
-        return nullptr;
-    }
-    struct conf_tree *tree = parse_file(fd, path, error, size);
-    (void)close(fd);   // it was only read
+    struct conf_text text;
+    bool good = conf_read(check, &text, error, size);
+    *file = text.cx_path;
+    if (!good) return nullptr;
+    struct conf_tree *tree = conf_parse(text.cx_path, text.cx_octets, text.cx_length, error, size);
+    conf_text_free(&text);
     return tree;
 }

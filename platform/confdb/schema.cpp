@@ -162,6 +162,11 @@ static bool plain_name_is_good(const struct conf_row *row, const char *text)
     return is_made_of(text, "/:._-") && length_is_good(row, text);
 }
 
+static bool unit_name_is_good(const struct conf_row *row, const char *text)
+{
+    return is_made_of(text, "/:_-") && length_is_good(row, text);
+}
+
 static bool ipv4_is_good(const struct conf_row *, const char *text)
 {
     struct in_addr address;
@@ -239,6 +244,7 @@ static constexpr struct value_kind {
     { CONF_PATH, path_is_good, "an absolute path in UTF-8 without control characters,", " octets" },
     { CONF_FILE_SUFFIX, file_suffix_is_good, "letters, digits and : . _ -,", " octets" },
     { CONF_PLAIN_NAME, plain_name_is_good, "letters, digits and / : . _ -,", " octets" },
+    { CONF_UNIT_NAME, unit_name_is_good, "letters, digits and / : _ -,", " octets" },
     { CONF_IPV4, ipv4_is_good, "an IPv4 address", nullptr },
     { CONF_NUMBER, number_is_good, "a number from", "" },
     { CONF_WORD, word_is_good, "one of", nullptr },
@@ -265,6 +271,7 @@ bool conf_name_is_safe(const struct conf_row *list, const char *text)
     if (*text == '\0') return false;
     if (list->cr_value == CONF_FILE_SUFFIX) return is_made_of(text, ":._-");
     if (list->cr_value == CONF_PLAIN_NAME) return is_made_of(text, "/:._-");
+    if (list->cr_value == CONF_UNIT_NAME) return is_made_of(text, "/:_-");
     return conf_text_is_safe(text);
 }
 

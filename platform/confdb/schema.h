@@ -55,6 +55,7 @@ enum conf_value : uint8_t {
     CONF_PATH,          // the same, from the root folder on
     CONF_FILE_SUFFIX,   // becomes part of a file name: letters, digits, : . _ -
     CONF_PLAIN_NAME,    // becomes part of an XML text as it is: the same and /
+    CONF_UNIT_NAME,     // stands behind such a name and a dot, and may hold none itself
     CONF_IPV4,
     CONF_NUMBER,
     CONF_WORD,          // one of the row's enumerators

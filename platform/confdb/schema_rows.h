@@ -120,7 +120,7 @@ static constexpr struct conf_row rows[] = {
     leaf(CONF_INTERFACE, "description", CONF_TEXT, 0, name_max),
     presence(CONF_INTERFACE, "disable"),
     leaf(CONF_INTERFACE, "mtu", CONF_NUMBER, 68, UINT16_MAX),
-    list(CONF_INTERFACE, "unit", CONF_UNIT, "name", CONF_PLAIN_NAME, 9),
+    list(CONF_INTERFACE, "unit", CONF_UNIT, "name", CONF_UNIT_NAME, 9),
 
     leaf(CONF_UNIT, "description", CONF_TEXT, 0, name_max),
     presence(CONF_UNIT, "disable"),

@@ -76,6 +76,11 @@ bool conf_object_is_element(const struct ddl_object *object)
     return object->do_parent && object->do_parent->do_row == object->do_row;
 }
 
+bool conf_object_is_list(const struct ddl_object *object)
+{
+    return object->do_row->cr_shape == CONF_LIST && !conf_object_is_element(object);
+}
+
 char *conf_tree_room(struct conf_tree *tree, size_t octets)
 {
     octets = (octets + alignof(max_align_t) - 1) & ~(alignof(max_align_t) - 1);

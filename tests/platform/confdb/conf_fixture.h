@@ -3,14 +3,9 @@
 
 #include "platform/log/log.h"
 
-#include <gtest/gtest.h>
-
-#include <stdarg.h>
-#include <stdio.h>
-#include <stdlib.h>
-
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
 
 class conf_fixture : public testing::Test {
