@@ -85,7 +85,8 @@ static int conn_start(struct ev_context *ctx, struct ev_conn *conn, int fd, cons
     return -1;
 }
 
-/* True for the address that stands for none. The kernel would take it for this machine and connect to whoever listens. */
+/* True for the address that stands for none. The kernel would take it for this machine and connect to whoever
+ * listens. */
 static bool address_is_none(const void *addr, int addr_len)
 {
     struct sockaddr_in in = {};

@@ -37,6 +37,9 @@ enum { PLATFORM_PATH_MAX = 4096 };
 /* Prints name (null: the program's own) and the release to standard output, "NAME RELEASE". level above 1 adds lines on
  * how it was built; extended (not 0) adds the versions of what it runs with. */
 void show_daemon_version(const char *name, int level, int extended);
+/* One of the texts below, for people. Owned by the library; empty for another number. */
+enum version_facts { VERSION_COMPILER, VERSION_BUILD, VERSION_TLS_LIBRARY, VERSION_C_LIBRARY, VERSION_FACTS };
+const char *version_fact(int fact);
 
 /* The node name of uname. Owned by the library, never null, valid until the next call. */
 const char *system_name(void);

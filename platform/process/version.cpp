@@ -13,33 +13,47 @@
 #include <sys/utsname.h>
 
 #ifdef __clang__
-static constexpr char compiler[] = __VERSION__;
+#define COMPILER __VERSION__
 #else
-static constexpr char compiler[] = "g++ " __VERSION__;
+#define COMPILER "g++ " __VERSION__
 #endif
 
 #ifdef __OPTIMIZE__
-static constexpr char optimized[] = "optimized";
+#define OPTIMIZED "optimized"
 #else
-static constexpr char optimized[] = "not optimized";
+#define OPTIMIZED "not optimized"
 #endif
 
 #ifdef NDEBUG
-static constexpr char assertions[] = "without assertions";
+#define ASSERTIONS "without assertions"
 #else
-static constexpr char assertions[] = "with assertions";
+#define ASSERTIONS "with assertions"
 #endif
+
+static const char *const build = sizeof(void *) == 8 ? "64-bit, " OPTIMIZED ", " ASSERTIONS
+                                                    : "32-bit, " OPTIMIZED ", " ASSERTIONS;
+
+const char *version_fact(int fact)
+{
+    switch (fact) {
+    case VERSION_COMPILER: return COMPILER;
+    case VERSION_BUILD: return build;
+    case VERSION_TLS_LIBRARY: return OpenSSL_version(OPENSSL_VERSION);
+    case VERSION_C_LIBRARY: return gnu_get_libc_version();
+    default: return "";
+    }
+}
 
 void show_daemon_version(const char *name, int level, int extended)
 {
     printf("%s %s\n", name ? name : program_invocation_short_name, KELD_RELEASE);
     if (level > 1) {
-        printf("  compiler: %s\n", compiler);
-        printf("  build: %zu-bit, %s, %s\n", sizeof(void *) * 8, optimized, assertions);
+        printf("  compiler: %s\n", version_fact(VERSION_COMPILER));
+        printf("  build: %s\n", version_fact(VERSION_BUILD));
     }
     if (extended) {
-        printf("  TLS library: %s\n", OpenSSL_version(OPENSSL_VERSION));
-        printf("  C library: %s\n", gnu_get_libc_version());
+        printf("  TLS library: %s\n", version_fact(VERSION_TLS_LIBRARY));
+        printf("  C library: %s\n", version_fact(VERSION_C_LIBRARY));
     }
     (void)fflush(stdout);   // who closed standard output does not want the text
 }
