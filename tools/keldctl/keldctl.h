@@ -12,3 +12,5 @@
 int keldctl_check(const char *file);
 /* keldctl commit FILE. */
 int keldctl_commit(const char *file);
+/* keldctl show [--xml] WORD...: words are the count arguments behind "show". */
+int keldctl_show(int count, char **words);

@@ -8,6 +8,7 @@
 
 #include "platform/process/process.h"
 
+#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -17,6 +18,10 @@
 static constexpr char help_text[] =
     "usage: keldctl check [FILE]   check FILE, or the candidate or committed configuration\n"
     "       keldctl commit FILE    check FILE and put it in force\n"
+    "       keldctl show [--xml] system services service-deployment\n"
+    "                              print the state of the connection; --xml: the document that tells it\n"
+    "       keldctl show [--xml] version brief|detail|extensive\n"
+    "                              print what the running daemon is\n"
     "       keldctl version        print the release\n"
     "       keldctl --help, -h     print this\n";
 
@@ -31,7 +36,7 @@ int keldctl_fail(const char *format, ...)
     return 1;
 }
 
-static int print_version(const char *)
+static int print_version(int, char **)
 {
     show_daemon_version("keldctl", 1, 0);
     return 0;
@@ -42,13 +47,24 @@ static bool is_help(const char *argument)
     return strcmp(argument, "--help") == 0 || strcmp(argument, "-h") == 0;
 }
 
+static int run_check(int count, char **arguments)
+{
+    return keldctl_check(count > 0 ? arguments[0] : nullptr);
+}
+
+static int run_commit(int, char **arguments)
+{
+    return keldctl_commit(arguments[0]);
+}
+
 static constexpr struct command {
     const char *cm_word;
     int cm_min, cm_max;   // arguments behind the word
-    int (*cm_run)(const char *argument);   // argument is null if there is none
+    int (*cm_run)(int count, char **arguments);
 } commands[] = {
-    { "check", 0, 1, keldctl_check },
-    { "commit", 1, 1, keldctl_commit },
+    { "check", 0, 1, run_check },
+    { "commit", 1, 1, run_commit },
+    { "show", 0, INT_MAX, keldctl_show },
     { "version", 0, 0, print_version },
 };
 
@@ -62,7 +78,7 @@ int main(int argc, char **argv)
         if (arguments < command.cm_min) return keldctl_fail("%s needs a FILE, try keldctl --help", argv[1]);
         if (arguments > command.cm_max)
             return keldctl_fail("%s does not take '%s', try keldctl --help", argv[1], argv[2 + command.cm_max]);
-        return command.cm_run(arguments > 0 ? argv[2] : nullptr);
+        return command.cm_run(arguments, argv + 2);
     }
     return keldctl_fail("unknown command '%s', try keldctl --help", argv[1]);
 }

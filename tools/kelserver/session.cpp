@@ -20,7 +20,10 @@
 #define NOTIFICATION_URI KELD_URI_BASE "/beep/tkel-notification/1.0"
 #define SCRIPT_URI KELD_URI_BASE "/beep/TARNESCRIPT"
 
-enum { CLOSE_CODE = 200 };   // "success": nothing is wrong, we only wish to close
+enum {
+    CLOSE_CODE = 200,    // "success": nothing is wrong, we only wish to close
+    CALL_PIECE = 2048,   // octets of a call in one frame: two fit the window that a router starts with
+};
 
 struct channel_opened {
     const struct beep_channel *channel;
@@ -67,12 +70,28 @@ static std::string notification_summary(const std::string &text)
 
 /* --- channels that were opened ----------------------------------------------------------------------------------- */
 
+/* Queues call as one MSG. A frame of more than twice the router's window would never leave, so it goes in pieces,
+ * and we note the number ourselves, as beep_send_msg does for a MSG of one frame. False if memory is out. */
+static bool send_call(struct connection *connection, const std::string &call)
+{
+    struct beep_channel *channel = beep_find_channel(connection->session, connection->script_channel);
+    if (!channel || channel->bc_state != BEEP_STATE_READY) return false;
+    int32_t msgno = -1;
+    for (size_t at = 0; at < call.size(); at += CALL_PIECE) {
+        size_t size = std::min<size_t>(CALL_PIECE, call.size() - at);
+        char more = at + size == call.size() ? BEEP_MORE_LAST : BEEP_MORE_TO_COME;
+        msgno = beep_send_raw(connection->session, connection->script_channel, BEEP_MSGTYPE_MSG, msgno, more,
+                              static_cast<int32_t>(size), -1, call.data() + at);
+        if (msgno < 0) return false;
+    }
+    return bp_queue_put_and_grow(channel->bc_sent_msgnos, static_cast<uintptr_t>(msgno)) == 0;
+}
+
 static void script_send(struct connection *connection)
 {
     std::string call = BEEP_MIME_HEADER + connection->script_waiting;
-    struct iovec piece = { call.data(), call.size() };
     connection->script_waiting.clear();
-    if (beep_send_msg(connection->session, connection->script_channel, &piece, 1) < 0)
+    if (!send_call(connection, call))
         say(connection, "channel %u: the call could not be sent", connection->script_channel);
     else say(connection, "channel %u: call sent, %zu octets", connection->script_channel, call.size());
 }
@@ -263,6 +282,8 @@ void session_forget(struct connection *connection)
 const char *session_rpc(struct connection *connection, const std::string &call)
 {
     if (!connection->script_waiting.empty()) return "the call before this one still waits for its channel";
+    if (!beep_find_channel(connection->session, connection->script_channel))
+        connection->script_channel = 0;   // the router has closed it
     if (connection->script_channel) {
         connection->script_waiting = call;
         script_send(connection);

@@ -13,9 +13,10 @@
  * the event library to connect, is tried again in 60 seconds. A socket that cannot be made or bound, TLS, a keepalive
  * timer or a session that cannot be made wait for a reload that brings servers where there were none.
  */
-#include "usr.sbin/keld/main/keld.h"
+#include "usr.sbin/keld/main/interfaces.h"
 #include "usr.sbin/keld/main/tags.h"
 #include "usr.sbin/keld/main/tls.h"
+#include "usr.sbin/keld/tarnescript-profile.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -152,6 +153,7 @@ void retry_cb(evContext ctx, void *, struct ev_timespec, struct ev_timespec inte
 static bool start_session(void)
 {
     tkel_pro_init(&keld_profiles[0]);
+    ts_pro_init(&keld_profiles[1]);
     keld_sp = keld_use_tls
                   ? beep_session_new(keld_fd, keld_evctx, BEEP_ROLE_INITIATOR, keld_profiles, KELD_PROFILES,
                                      keld_tls_read, keld_tls_write, keld_ssl)
@@ -159,6 +161,9 @@ static bool start_session(void)
                                      nullptr, nullptr);
     if (!keld_sp) return false;
     beep_set_session_close_cb(keld_sp, session_close_cb);
+    // What is configured now is where notifications start from; nothing of it is announced.
+    keld_config_interfaces(true);
+    for (struct str_array *list : { ifl_added, ifl_deleted, ifl_changed }) str_array_clean(list);
     (void)time(&last_conn_time);
     (void)time(&last_rcvd_time);
     return true;
@@ -168,7 +173,8 @@ void connect_cb(evContext ctx, void *, int fd, const void *, int, const void *, 
 {
     keld_conn_id = nullptr;
     if (fd == -1) {
-        // Kept on purpose: keld_fd keeps the number of a socket that the event library has closed, until the next attempt.
+        // Kept on purpose: keld_fd keeps the number of a socket that the event library has closed, until the next
+        // attempt.
         keld_event<KELD_CONNECT_FAIL>(strerror(errno));
         keld_arm_retry(ctx, KELD_RETRY_DELAY_S);
         return;

@@ -18,8 +18,14 @@ int32_t keepalive;
 time_t last_rcvd_time;
 time_t last_conn_time;
 time_t last_ka_time;
+time_t last_notifi_time;
 int32_t keepalive_count;
+int32_t notification_count;
 uint8_t keld_close_pending;
+
+struct str_array *ifl_added, *ifl_changed, *ifl_deleted;
+struct str_array *ifl_current;
+struct bp_queue *keld_notify_queue;
 
 evContext keld_evctx;
 int32_t keld_debug;

@@ -19,7 +19,7 @@
  * A server that asks for one or two seconds gives the interval 0, and a timer with interval 0 is a one-shot. A spent
  * timer is armed again a second ahead, so that such a session is watched neither never nor without pause.
  */
-#include "usr.sbin/keld/main/keld.h"
+#include "usr.sbin/keld/main/interfaces.h"
 #include "usr.sbin/keld/main/tags.h"
 #include "usr.sbin/keld/main/tls.h"
 
@@ -49,7 +49,8 @@ void session_close_cb(struct beep_session *session)
 /* Brings the timer to the interval now in force; fired is the one it was armed with. */
 static void adjust_timer(int32_t fired_s)
 {
-    // From inside its own callback a timer can be set anew without memory, also one that is spent; so neither call fails.
+    // From inside its own callback a timer can be set anew without memory, also one that is spent; so neither call
+    // fails.
     if (keepalive != fired_s) (void)keld_arm_keepalive(keepalive);
     else if (fired_s == 0) (void)keld_arm_keepalive(SHORTEST_TICK_S);
 }
@@ -116,10 +117,11 @@ void clean_up_session(void)
 {
     beep_session_delete(keld_sp);
     keld_sp = nullptr;
-    last_conn_time = last_rcvd_time = last_ka_time = 0;
-    keepalive_count = 0;
+    last_conn_time = last_rcvd_time = last_ka_time = last_notifi_time = 0;
+    keepalive_count = notification_count = 0;
     keld_close_pending = 0;
     if (!current_config.kc_servers) current_server.ks_addr = 0;   // otherwise the next attempt moves on from it
+    keld_drop_notifications();
     if (keld_use_tls) keld_tls_free();
     if (keld_fd > 0) keld_close_socket();   // Kept on purpose: descriptor 0 would stay; main sees that it is taken
 }

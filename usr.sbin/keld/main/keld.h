@@ -18,8 +18,10 @@
 #include "platform/ev/ev.h"
 #include "platform/patricia/patricia.h"
 #include "usr.sbin/keld/beep/beep.h"
+#include "usr.sbin/keld/beep/bp_queue.h"
 #include "usr.sbin/keld/config.h"
 #include "usr.sbin/keld/notification-profile.h"
+#include "usr.sbin/keld/str_array.h"
 
 #include <openssl/ssl.h>
 #include <stdint.h>
@@ -31,7 +33,7 @@ enum {
     KELD_FIRST_DELAY_S = 0,       // start-up, and a reload that brings the first servers
     KELD_RETRY_DELAY_S = 60,      // after a failure that is retried, and after a session
     KELD_SILENT_INTERVALS = 3,    // keepalive intervals without a word from the server that end a session
-    KELD_PROFILES = 1,
+    KELD_PROFILES = 2,
 };
 
 /* --- configuration in force ------------------------------------------------------------------------------------ */
@@ -46,8 +48,16 @@ extern struct patricia_root *ob_ssh_patroot;   // outbound SSH clients by client
 extern struct beep_session *keld_sp;   // null while there is none; owned
 extern time_t last_conn_time;          // session came up
 extern time_t last_ka_time;            // keepalive last sent
+extern time_t last_notifi_time;        // notification last sent
 extern int32_t keepalive_count;        // keepalives sent in this session
+extern int32_t notification_count;     // notification messages sent in this session
 extern uint8_t keld_close_pending;     // a <close-connection/> could not be sent and is owed
+
+/* --- interface changes; interfaces.h tells more. All are owned, and null until first needed ---------------------- */
+
+extern struct str_array *ifl_added, *ifl_changed, *ifl_deleted;   // names that wait to be sent
+extern struct str_array *ifl_current;                             // units as of the last scan
+extern struct bp_queue *keld_notify_queue;                        // texts that could not be sent in this session
 
 /* --- private to the core --------------------------------------------------------------------------------------- */
 
@@ -61,7 +71,7 @@ extern evTimerID keld_keepalive_id;
 extern uint32_t keld_use_tls;          // 1 if this connection runs TLS
 extern SSL_CTX *keld_ssl_ctx;          // both owned, null when there is none
 extern SSL *keld_ssl;
-extern struct beep_profile keld_profiles[KELD_PROFILES];   // row 0: the notification profile
+extern struct beep_profile keld_profiles[KELD_PROFILES];   // row 0: notification, row 1: management script
 
 /* A line of the core's class in the trace file, if that is wanted. */
 [[gnu::format(printf, 1, 2)]] void keld_trace(const char *format, ...);

@@ -10,6 +10,7 @@
  * file, tells whether a daemon runs.
  */
 #include "usr.sbin/keld/main/keld.h"
+#include "usr.sbin/keld/keld_ui.h"
 #include "usr.sbin/keld/main/tags.h"
 
 #include "platform/process/process.h"
@@ -75,8 +76,9 @@ static void sighup_handler(int)
 
 static void sigterm_handler(int)
 {
-    // Kept on purpose: ends the process from signal context, at once. Nothing is sent to the server, no session closed. Not
-    // exit: what it would run, OpenSSL's clean-up among it, waits for ever for a lock that the interrupted code may hold.
+    // Kept on purpose: ends the process from signal context, at once. Nothing is sent to the server, no session
+    // closed. Not exit: what it would run, OpenSSL's clean-up among it, waits for ever for a lock that the
+    // interrupted code may hold.
     _exit(0);
 }
 
@@ -156,7 +158,9 @@ int main(int argc, char **argv)
     hold_sighup(false);
 
     // Errors in the configuration stop nothing: what could be read is used. Without the stanza no server is tried.
-    if (keld_config(0, &current_config) >= 0) keld_arm_retry(keld_evctx, KELD_FIRST_DELAY_S);
+    int errors = keld_config(0, &current_config);
+    (void)keld_ui_init(keld_evctx);   // without the command socket the router is attached all the same
+    if (errors >= 0) keld_arm_retry(keld_evctx, KELD_FIRST_DELAY_S);
     keld_trace("start logging");
     (void)evMainLoop(keld_evctx);
     keld_event<KELD_EVLIB_FAILURE>("evMainLoop", strerror(errno));

@@ -1,15 +1,16 @@
 /*
  * Reload: applies the committed configuration to the running daemon, at SIGHUP.
  *
- * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is all
- * or nothing: unless the reader says 0 nothing changes. Kept on purpose: that goes for a stanza that was removed, too,
- * which is not the same as removing all servers. A good configuration is moved in, and takes effect with the next connection; the running
- * session is touched only if its server's address has left the ring.
+ * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is
+ * all or nothing: unless the reader says 0 nothing changes but what is traced. Kept on purpose: that goes for a
+ * stanza that was removed, too, which is not the same as removing all servers. A good configuration is moved in, and
+ * takes effect with the next connection; the running session is ended only if its server's address has left the ring,
+ * and otherwise told what changed among the interfaces.
  *
  * Closing is a request. The server is asked to end the session, and keepalive_cb cleans up once it has done so, or has
  * been silent for too long.
  */
-#include "usr.sbin/keld/main/keld.h"
+#include "usr.sbin/keld/main/interfaces.h"
 #include "usr.sbin/keld/main/tags.h"
 
 #include <errno.h>
@@ -44,7 +45,13 @@ static void stop_connecting(evContext ctx)
 /* There were servers and there are. An attempt under way goes on, even to a server that went. */
 static void follow_servers(evContext)
 {
-    if (keld_sp && !find_server(&current_server, &current_config)) keld_request_close();
+    if (!keld_sp) return;
+    if (!find_server(&current_server, &current_config)) {
+        keld_request_close();
+        return;
+    }
+    keld_config_interfaces(false);
+    send_notifications(ifl_added, ifl_deleted, ifl_changed);
 }
 
 static void stay_idle(evContext)

@@ -9,6 +9,7 @@
 #include "bench/usr.sbin/keld/beep/allocations.h"
 #include "bench/usr.sbin/keld/beep/engine_end.h"
 #include "bench/usr.sbin/keld/beep/plain_end.h"
+#include "bench/usr.sbin/keld/relay_end.h"
 
 #include <algorithm>
 #include <array>
@@ -19,6 +20,7 @@
 enum { ROUNDS = 9 };
 static constexpr int32_t EXCHANGES = 20000, EXCHANGE_OCTETS = 64;
 static constexpr int32_t PIECE_OCTETS = 4096, STREAM_PIECES = (64 << 20) / PIECE_OCTETS;
+static constexpr int32_t LINE_OCTETS = 64, REPLY_LINES = (64 << 20) / LINE_OCTETS;
 static constexpr double ALLOCATIONS_GOAL = 1.0;
 
 static constexpr struct row {
@@ -38,6 +40,8 @@ static constexpr struct row {
       engine_ask, engine_answer, plain_source, plain_sink, PIECE_OCTETS / 1048576.0, 0.06 },
     { "ample", "4 KiB messages, ample window [MiB/s]", { STREAM_PIECES, PIECE_OCTETS, 0, 0 },
       engine_stream, scripted_sink, plain_source, plain_sink, PIECE_OCTETS / 1048576.0, 0.25 },
+    { "relay", "reply of 64 MiB from vrd, relayed [MiB/s]", { REPLY_LINES, LINE_OCTETS, 0, 0 },
+      relay_reply, relay_sink, plain_copy, copy_sink, LINE_OCTETS / 1048576.0, 0.25 },
 };
 
 static double median(std::array<double, ROUNDS> values)

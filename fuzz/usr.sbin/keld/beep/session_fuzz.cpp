@@ -1,11 +1,11 @@
 /*
- * A session of either role against a peer that sends anything, over a transport that hands octets out and takes them in
- * pieces, or not at all for the moment. The whole read path runs, from the stream to profiles that reply, start and stop
- * as the peer's payloads tell them.
+ * A session of either role against a peer that sends anything, over a transport that hands octets out and takes them
+ * in pieces, or not at all for the moment. The whole read path runs, from the stream to profiles that reply, start
+ * and stop as the peer's payloads tell them.
  *
- * The first octet sets role and profiles, the second the pieces; the rest is the stream. Two ways of the engine to end are
- * kept away: a number of more than six digits is cut, since a frame too large for memory ends the process; and the
- * stream ends some reads after its last octet, since one that is out of step is parsed again until then.
+ * The first octet sets role and profiles, the second the pieces; the rest is the stream. Two ways of the engine to
+ * end are kept away: a number of more than six digits is cut, since a frame too large for memory ends the process;
+ * and the stream ends some reads after its last octet, since one that is out of step is parsed again until then.
  */
 #include "usr.sbin/keld/beep/beep.h"
 
@@ -59,7 +59,8 @@ static int read_some(void *, void *to, int length)
         return -1;
     }
     peer.had_empty = false;
-    size_t piece = std::min({ size_t{ 1 + next_random() % PIECE_MAX }, static_cast<size_t>(length), peer.stream.size() - peer.at });
+    size_t piece = std::min({ size_t{ 1 + next_random() % PIECE_MAX }, static_cast<size_t>(length),
+                              peer.stream.size() - peer.at });
     memcpy(to, peer.stream.data() + peer.at, piece);
     peer.at += piece;
     return static_cast<int>(piece);
@@ -95,7 +96,8 @@ static uint8_t take_channel(struct beep_channel *channel)
     return 1;
 }
 
-static uint8_t start_indicate(const char *data, int32_t length, struct beep_channel *channel, struct beep_start_reply *out)
+static uint8_t start_indicate(const char *data, int32_t length, struct beep_channel *channel,
+                              struct beep_start_reply *out)
 {
     if (data) out->br_piggyback = strndup(data, static_cast<size_t>(length));
     return peer.flags & FLAG_REFUSE ? 0 : take_channel(channel);

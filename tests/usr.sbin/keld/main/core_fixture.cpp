@@ -109,6 +109,10 @@ void core::TearDown()
     keld_retry_id = keld_keepalive_id = nullptr;
     keld_config_free(&current_config);
     current_server = {};
+    for (struct str_array **list : { &ifl_added, &ifl_changed, &ifl_deleted, &ifl_current }) {
+        str_array_free(*list);
+        *list = nullptr;
+    }
     failing = 0;
     (void)redirect_get_and_reset(&current_server);
     if (HasFailure()) fputs(lines.c_str(), stderr);
