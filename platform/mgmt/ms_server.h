@@ -17,7 +17,7 @@
 extern "C" {
 
 enum {
-    MS_LINE_MAX = 4096,    // octets of a command; of a longer one nothing is run, and it gets one <rpc-error>
+    MS_LINE_MAX = 4096,    // octets of a command, up to a zero if it has one; a longer one gets an <rpc-error>
     MS_CLIENTS_MAX = 32,
     MS_IDLE_S = 60,        // without a step forward, before a client may have to make room for a new one
 };

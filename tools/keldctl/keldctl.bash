@@ -1,16 +1,17 @@
-# Completion of keldctl for bash. A line of the table is a command, word by word; FILE completes file names. Words that
-# were shortened count as what they begin.
+# Completion of keldctl for bash. A line of the table is a command, word by word; FILE completes file names. Words behind
+# the first that were shortened count as what they begin.
 _keldctl()
 {
     local current=${COMP_WORDS[COMP_CWORD]} word i at
     local -a words typed=()
     for ((i = 1; i < COMP_CWORD; i++)); do
-        [[ ${COMP_WORDS[i]} == --xml ]] || typed+=("${COMP_WORDS[i]}")
+        [[ ${COMP_WORDS[i]} == --xml && ${typed[0]-} == show ]] || typed+=("${COMP_WORDS[i]}")
     done
     COMPREPLY=()
     while read -ra words; do
         at=${#typed[@]}
-        for ((i = 0; i < at; i++)); do
+        [[ $at -eq 0 || ${words[0]} == "${typed[0]}" ]] || continue
+        for ((i = 1; i < at; i++)); do
             [[ -n ${typed[i]} && ${words[i]-} == "${typed[i]}"* ]] || continue 2
         done
         word=${words[at]-}

@@ -66,10 +66,23 @@ static int connect_to_keld()
     return -1;
 }
 
+/* True if all of line was sent. False with errno. */
+static bool send_line(int fd, string_view line)
+{
+    while (!line.empty()) {
+        ssize_t sent = send(fd, line.data(), line.size(), MSG_NOSIGNAL);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent < 0) return false;
+        line.remove_prefix(static_cast<size_t>(sent));
+    }
+    return true;
+}
+
 /* Sends the line and takes the document of the reply. False with errno. */
 static bool exchange(int fd, const string &line, string *document)
 {
-    if (send(fd, line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) return false;
+    // A daemon that has hung up may have said why before it did, for instance that it has too many clients.
+    if (!send_line(fd, line) && errno != EPIPE) return false;
     string reply;
     while (!reply.ends_with(reply_end)) {
         char piece[16 * 1024];

@@ -3,8 +3,8 @@
  *
  * The document is built from the core's globals alone, with the time taken once, so that its elapsed times fit
  * together. "connecting" is all that lies between the choice of a server and the session: a wait for the next attempt
- * and an attempt that stalled look the same, because the server stays chosen. When the server was last heard is told
- * in each of these states: it is the last sign of life, not a property of the session.
+ * and an attempt that stalled look the same, because the server stays chosen. When the server was last heard is asked
+ * for in each of these states; without a session there is nothing to tell.
  *
  * Elements are named by row of odl_kel_tags; enum kel_tag has the rows' numbers, in their order.
  */

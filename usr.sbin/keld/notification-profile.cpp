@@ -17,13 +17,13 @@
 
 #include "platform/process/process.h"
 #include "usr.sbin/keld/main/tags.h"
+#include "usr.sbin/keld/profile_text.h"
 
 #include <arpa/inet.h>
 #include <charconv>
 #include <ctype.h>
 #include <iterator>
 #include <regex.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <string_view>
@@ -46,25 +46,6 @@ enum { MATCH_ADDRESS = 2, MATCH_PORT = 4, MATCH_END = 5, MATCHES };
 static uint16_t tkel_channel;     // 0: none
 static uint32_t redirect_addr;    // network order; 0: no redirect is pending
 static uint16_t redirect_port;    // host order
-
-[[gnu::format(printf, 1, 2)]] static void profile_trace(const char *format, ...)
-{
-    if (!daemon_trace_wants(&keld_dtf_options, DTF_PROFILE)) return;
-    va_list args;
-    va_start(args, format);
-    daemon_vtrace(&keld_dtf_options, DTF_PROFILE, 0, format, args);
-    va_end(args);
-}
-
-/* length and octets of a view, for "%.*s" */
-#define VIEW(view) static_cast<int>((view).size()), (view).data()
-
-/* The text of a piggyback: up to its first zero octet, or all of the block. data may be null. */
-static std::string_view piggyback_text(const char *data, int32_t length)
-{
-    if (!data || length <= 0) return "";
-    return { data, strnlen(data, static_cast<size_t>(length)) };
-}
 
 /* Reads the number that text begins with. False if there is none, or it is beyond max in either direction. */
 static bool number_read(std::string_view text, uint32_t max, int64_t *value)
@@ -132,8 +113,8 @@ static int32_t confirmed_keepalive(std::string_view text)
 
 static uint8_t tkel_start_confirm(const char *data, int32_t length, struct beep_channel *)
 {
-    std::string_view text = piggyback_text(data, length);
-    profile_trace("TKEL start_confirm: piggyback=\"%.*s\"", VIEW(data ? text : std::string_view("<NULL>")));
+    std::string_view text = piggyback_text(data, length, "<NULL>");   // which has no tag, either
+    profile_trace("TKEL start_confirm: piggyback=\"%.*s\"", VIEW(text));
     keepalive = confirmed_keepalive(text);   // the keepalive timer takes it up at its next tick
     redirect_addr = 0;
     redirect_port = REDIRECT_DEFAULT_PORT;
@@ -145,7 +126,7 @@ static uint8_t tkel_start_confirm(const char *data, int32_t length, struct beep_
 static uint8_t tkel_start_indicate(const char *data, int32_t length, struct beep_channel *channel,
                                    struct beep_start_reply *)
 {
-    std::string_view text = piggyback_text(data, length);
+    std::string_view text = piggyback_text(data, length, "");
     profile_trace("TKEL start_indicate: channel=%hd, piggyback=\"%.*s\"",
                   static_cast<short>(beep_get_channel_number(channel)), VIEW(text));
     return 0;

@@ -23,9 +23,9 @@
 #include "platform/text/text.h"
 #include "usr.sbin/keld/main/keld.h"
 #include "usr.sbin/keld/main/tags.h"
+#include "usr.sbin/keld/profile_text.h"
 
 #include <errno.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string_view>
@@ -41,18 +41,6 @@ enum {
 static constexpr std::string_view mode_tag = "<mode>";
 static constexpr std::string_view canonical_mode = "<mode><canonical/></mode>";
 static const char reply_end[] = "</rpc-reply>";
-
-/* length and octets of a view, for "%.*s" */
-#define VIEW(view) static_cast<int>((view).size()), (view).data()
-
-[[gnu::format(printf, 1, 2)]] static void profile_trace(const char *format, ...)
-{
-    if (!daemon_trace_wants(&keld_dtf_options, DTF_PROFILE)) return;
-    va_list args;
-    va_start(args, format);
-    daemon_vtrace(&keld_dtf_options, DTF_PROFILE, 0, format, args);
-    va_end(args);
-}
 
 static void mgmt_sock_valid(const struct mgmt_sock *msp)
 {
@@ -103,13 +91,6 @@ static const char *buffer_add(struct ts_channel *record, const char *line)
 }
 
 /* --- start of a channel ------------------------------------------------------------------------------------------ */
-
-/* The text of a piggyback: up to its first zero octet, or all of the block. data may be null. */
-static std::string_view piggyback_text(const char *data, int32_t length)
-{
-    if (!data) return "<NULL>";
-    return { data, length > 0 ? strnlen(data, static_cast<size_t>(length)) : 0 };
-}
 
 static bool asks_for_canonical_mode(std::string_view text)
 {
@@ -182,7 +163,7 @@ static struct ts_channel *record_new(uint16_t channel, bool canonical)
 
 uint8_t ts_start_indicate(const char *data, int32_t length, struct beep_channel *channel, struct beep_start_reply *)
 {
-    std::string_view text = piggyback_text(data, length);
+    std::string_view text = piggyback_text(data, length, "<NULL>");
     uint16_t number = beep_get_channel_number(channel);
     profile_trace("TARNEscript start_indicate: channel=%hd, piggyback=\"%.*s\"", static_cast<short>(number),
                   VIEW(text));
@@ -202,7 +183,7 @@ uint8_t ts_start_indicate(const char *data, int32_t length, struct beep_channel 
 
 uint8_t ts_start_confirm(const char *data, int32_t length, struct beep_channel *)
 {
-    profile_trace("TARNEscript start_confirm: piggyback=\"%.*s\"", VIEW(piggyback_text(data, length)));
+    profile_trace("TARNEscript start_confirm: piggyback=\"%.*s\"", VIEW(piggyback_text(data, length, "<NULL>")));
     return 0;
 }
 

@@ -46,7 +46,6 @@ TEST(show, connection_in_each_state)
         string body;
     } rows[] = {
         { "0.0.0.0", 0, 0, 0, 0, 0, 0, "<unconfigured/>" },
-        // A server that was heard is told of without a session too.
         { "0.0.0.0", NOW_S, NOW_S, NOW_S, NOW_S - 90061, 7, 7,
           "<unconfigured/>"
           "<peer-information><elapsed-time seconds=\"90061\">1d 01:01:01</elapsed-time></peer-information>" },
