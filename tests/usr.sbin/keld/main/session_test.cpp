@@ -4,6 +4,7 @@
  */
 #include "tests/usr.sbin/keld/main/core_fixture.h"
 
+#include <filesystem>
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
@@ -155,4 +156,26 @@ TEST_F(session, a_stalled_attempt_leaves_one_timer_for_the_next)
     confirm("<keepalive>45</keepalive>");
     pass(15);
     EXPECT_EQ(keepalive_count, 1);
+}
+
+TEST_F(session, a_thousand_leave_nothing_behind)
+{
+    auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    start("127.0.0.1 { PORT; }");
+    ptrdiff_t first = 0;
+    for (int i = 0; i < 1000; i++) {
+        server.seqno.clear();
+        server.received.clear();
+        greet();
+        confirm("<keepalive>45</keepalive>");
+        if (i == 0) first = descriptors();
+        ASSERT_EQ(descriptors(), first) << i;
+        if (i % 2) peer_send(server, "MSG 1 0 . 0 1000\r\nhalf a fra");
+        peer_hang_up(server);
+        turns();
+        ASSERT_EQ(keld_sp, nullptr);
+        ASSERT_EQ(keld_keepalive_id, nullptr);
+        keld_arm_retry(keld_evctx, KELD_FIRST_DELAY_S);   // in place of the one a minute ahead
+        turns();
+    }
 }

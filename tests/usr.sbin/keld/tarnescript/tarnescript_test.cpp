@@ -9,6 +9,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -256,4 +257,22 @@ TEST_F(relay, a_lost_daemon_closes_the_channel_which_goes_on_answering)
     frame('M', '*', "<rpc>");
     frame('M', '.', "");
     EXPECT_EQ(sent, std::vector<string>{ ".3" });
+}
+
+TEST_F(relay, a_thousand_leave_no_descriptor)
+{
+    auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    ptrdiff_t before = descriptors();
+    for (int i = 0; i < 1000; i++) {
+        no_vrd = i % 5 == 0;
+        ASSERT_EQ(start("", i % 5 == 1 ? "no greeting\n" : hello), i % 5 > 1) << i;
+        if (i % 5 > 1) frame('M', '.', string(i % 5 == 2 ? 1 << 20 : 10, 'x'));   // the larger one waits to be written
+        if (i % 5 > 2) say("<rpc-reply>\nhalf a li");
+        if (vrd_fd >= 0) close(vrd_fd);
+        vrd_fd = -1;
+        if (i % 5 == 4) turns();   // the daemon is lost before the channel
+        if (record()) ts_stop(record());
+        channel->bc_user_data = nullptr;
+        ASSERT_EQ(descriptors(), before) << i;
+    }
 }
