@@ -188,3 +188,23 @@ TEST_F(interface_changes, survive_any_failing_allocation)
     EXPECT_GE(logged("3 KELD_OUT_OF_MEMORY: Insufficient memory during attempt to identify interface changes"), 5u);
     EXPECT_GE(logged("3 KELD_OUT_OF_MEMORY: Insufficient memory during initialization of the notification queue"), 1u);
 }
+
+/* It used to leave no baseline: the next change announced every unit as added. */
+TEST_F(interface_changes, of_a_scan_at_connect_that_failed_are_not_made_up)
+{
+    connect("");
+    bool failed = true;
+    for (int n = 0; failed; n++) {
+        commit("a { unit 0; unit 1; }");
+        good_allocations = n;
+        keld_config_interfaces(true);
+        failed = good_allocations == -1;
+        good_allocations = -1;
+        for (struct str_array *list : { ifl_added, ifl_deleted, ifl_changed }) str_array_clean(list);
+        look();
+        EXPECT_EQ(announced(), "") << n;
+        commit("a { unit 0; unit 1; unit 2; }");
+        look();
+        EXPECT_EQ(announced(), "added a.2") << n;
+    }
+}
