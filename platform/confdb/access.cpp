@@ -9,6 +9,7 @@
  */
 #include "platform/confdb/confdb.h"
 
+#include "platform/confdb/access.h"
 #include "platform/confdb/changes.h"
 #include "platform/confdb/load.h"
 #include "platform/log/log.h"
@@ -65,6 +66,11 @@ int ddl_access_close_db(int, int)
     // The trees' pages go back to the system: a daemon idles for days between two readings.
     (void)malloc_trim(0);
     return 0;
+}
+
+const struct conf_tree *conf_committed_tree(void)
+{
+    return db.check ? nullptr : db.tree;
 }
 
 /* --- reports --------------------------------------------------------------------------------------------------- */

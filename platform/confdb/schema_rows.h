@@ -10,6 +10,7 @@
 #include "platform/log/log.h"
 
 static constexpr uint32_t any_number = UINT32_MAX;
+static constexpr uint32_t timer_seconds_max = INT32_MAX;   // what the timers' clock can hold
 static constexpr uint32_t name_max = 254;          // host and authority names
 static constexpr uint32_t file_name_max = 255;
 // A client's name ends that of its file.
@@ -109,7 +110,7 @@ static constexpr struct conf_row rows[] = {
 
     leaf(CONF_CLIENT_SERVER, "port", CONF_NUMBER, 1, UINT16_MAX),
     leaf(CONF_CLIENT_SERVER, "retry", CONF_NUMBER, 0, any_number),
-    leaf(CONF_CLIENT_SERVER, "timeout", CONF_NUMBER, 0, any_number),
+    leaf(CONF_CLIENT_SERVER, "timeout", CONF_NUMBER, 0, timer_seconds_max),
 
     stanza(CONF_SECURITY, "certificates", CONF_CERTIFICATES),
 

@@ -64,15 +64,21 @@ enum dtf_class {
 
 enum { DTF_LEVEL_OFF = -2, DTF_LEVEL_ON = 0 };
 
-/* Trace state. Zero-initialised records are not valid: use DTF_OPTIONS_INIT or daemon_trace_initialize. */
+/* Trace state. Zero-initialised records are not valid: use DTF_OPTIONS_INIT or daemon_trace_initialize. A record that
+ * is on stays where it is until it is turned off.
+ *
+ * Records that trace into one file have its limits in common: the larger size (none if one of them has none) and the
+ * larger number of files, of those that are on. Whichever passes the limit rotates for all. Each has a descriptor of
+ * its own, so that one which goes off takes nothing from the others. */
 struct dtf_options {
     int32_t dtf_level;        // DTF_LEVEL_OFF while nothing is traced; tracing is on at -1 and above
     uint32_t dtf_classes;     // bit n: class n is wanted
     int dtf_fd;               // trace file, -1 while closed
-    uint64_t dtf_size;        // octets in the file now
+    uint64_t dtf_size;        // octets in the file before the last line
     uint64_t dtf_max_size;    // rotated before a line that would pass this; 0 for no limit
     uint32_t dtf_max_files;   // files kept in all, the current one among them; at least 1
     char dtf_path[256];       // as given, without the root
+    struct dtf_options *dtf_next = nullptr;   // another one that is on
 };
 #define DTF_OPTIONS_INIT { DTF_LEVEL_OFF, 0, -1, 0, 0, 10, "" }
 
@@ -99,6 +105,16 @@ static inline bool daemon_trace_wants(const struct dtf_options *options, int tra
                                                 const char *format, ...);
 [[gnu::format(printf, 4, 0)]] void daemon_vtrace(struct dtf_options *options, int trace_class, int flags,
                                                  const char *format, va_list args);
+
+/* Outbound SSH's own road into the trace file /var/log/keld, of class "core". Any flag of its `traceoptions` turns it
+ * on, since the flags name what the engine does. level selects nothing: callers give 1, or 0 for what is of interest
+ * only when memory or a tree is in doubt. May be called in a forked child, up to its end by _exit or exec. */
+[[gnu::format(printf, 2, 3)]] void tarne_trace(int level, const char *format, ...);
+/* daemon_trace_read_config for it. first is 0. */
+void tarne_trace_read_config(int first, const char *const *path);
+/* For a forked child that is to become another program: closes every descriptor from first on but for the one of
+ * tarne_trace. All other tracing of the child is off then, and rotation is left to the parent. */
+void tarne_trace_keep_only(int first);
 
 /* A development print: goes to standard error when the environment variable KELD_DEBUG is set, else nowhere. */
 [[gnu::format(printf, 1, 2)]] void dbgpr(const char *format, ...);

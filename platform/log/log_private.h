@@ -3,6 +3,8 @@
  */
 #pragma once
 
+#include "platform/log/log.h"
+
 #include <stdarg.h>
 #include <stddef.h>
 #include <sys/types.h>
@@ -45,3 +47,6 @@ struct event_head {
  * the line is terminated but has no line end. */
 [[gnu::format(printf, 6, 0)]] size_t event_line(char *line, size_t size, const struct event_head *head, const char *tag,
                                                 const char *const *attributes, const char *format, va_list args);
+
+/* Turns all records off but kept, and takes their descriptors for closed. kept rotates no more. */
+void trace_keep_only(struct dtf_options *kept);

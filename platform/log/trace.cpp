@@ -11,7 +11,10 @@
  * Others may move the file too (a child, a tool of the operator). So before a rotation, and whenever the settings are
  * applied, the file at the path is compared with the open one, and the one at the path is gone over to.
  *
- * True between calls: dtf_level says on exactly if dtf_fd is open and a class is wanted.
+ * Records that are on are chained, so that those of one file can agree on its limits, and all go over to the new file
+ * when one of them rotates. None believes what it wrote itself to be the file's size.
+ *
+ * True between calls: dtf_level says on exactly if dtf_fd is open, a class is wanted and the record is chained.
  */
 #include "platform/log/log.h"
 #include "platform/log/log_private.h"
@@ -27,6 +30,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <iterator>
 
 static constexpr mode_t TRACE_FILE_MODE = 0640;
@@ -35,8 +39,25 @@ static constexpr size_t TRACE_LINE_SIZE = 4096;   // time, class, text and line 
 static constexpr const char *class_words[] = { "beep", "profile", "core", "octets", "dump" };
 static_assert(std::size(class_words) == DTF_CLASSES);
 
+static struct dtf_options *records_on;   // chained by dtf_next; lent until each is turned off
+
+static void unchain(const struct dtf_options *options)
+{
+    struct dtf_options **at = &records_on;
+    while (*at && *at != options) at = &(*at)->dtf_next;
+    if (*at) *at = options->dtf_next;
+}
+
+static void chain(struct dtf_options *options)
+{
+    unchain(options);
+    options->dtf_next = records_on;
+    records_on = options;
+}
+
 void daemon_trace_initialize(struct dtf_options *options, const char *path)
 {
+    unchain(options);
     *options = DTF_OPTIONS_INIT;
     if (snprintf_safe(options->dtf_path, sizeof options->dtf_path, "%s", path) != strlen(path)) {
         options->dtf_path[0] = '\0';   // a path that was cut would name some other file
@@ -68,6 +89,18 @@ static void trace_close(struct dtf_options *options)
     options->dtf_fd = -1;
     options->dtf_level = DTF_LEVEL_OFF;
     options->dtf_classes = 0;
+    unchain(options);
+}
+
+void trace_keep_only(struct dtf_options *kept)
+{
+    for (struct dtf_options *other = records_on, *next; other; other = next) {
+        next = other->dtf_next;
+        if (other == kept) continue;
+        other->dtf_fd = -1;
+        trace_close(other);
+    }
+    kept->dtf_max_size = 0;
 }
 
 /* True if the open file is still the one at the path; its size is then taken over, for others write to it too. */
@@ -99,12 +132,36 @@ int daemon_trace_set(struct dtf_options *options, uint32_t classes, uint64_t max
     }
     options->dtf_classes = classes;
     options->dtf_level = DTF_LEVEL_ON;
+    chain(options);
     return 0;
 }
 
 /* --- rotation -------------------------------------------------------------------------------------------------- */
 
 enum { NUMBERED_SIZE = PLATFORM_PATH_MAX + 16 };
+
+struct trace_limits {
+    uint64_t tl_size;    // 0 for none
+    uint32_t tl_files;
+};
+
+static bool is_of_one_file(const struct dtf_options *a, const struct dtf_options *b)
+{
+    return strcmp(a->dtf_path, b->dtf_path) == 0;
+}
+
+/* What all records of the file leave room for. */
+static struct trace_limits file_limits(const struct dtf_options *options)
+{
+    struct trace_limits limits = { options->dtf_max_size, options->dtf_max_files };
+    for (const struct dtf_options *other = records_on; other; other = other->dtf_next) {
+        if (!is_of_one_file(options, other)) continue;
+        bool bounded = limits.tl_size > 0 && other->dtf_max_size > 0;
+        limits.tl_size = bounded ? std::max(limits.tl_size, other->dtf_max_size) : 0;
+        limits.tl_files = std::max(limits.tl_files, other->dtf_max_files);
+    }
+    return limits;
+}
 
 /* The name of an old file: path, a dot and the number. */
 static const char *numbered(char *buffer, const char *path, uint32_t number)
@@ -131,12 +188,20 @@ static void remove_surplus(const char *path, uint32_t first)
     while (unlink(numbered(name, path, first)) == 0) first++;
 }
 
-static void trace_rotate(struct dtf_options *options)
+/* Has all records of the file go over to the one at its path. Without a new file, lines go on into the one that was
+ * moved. */
+static void reopen_all(struct dtf_options *options)
+{
+    (void)trace_open(options);
+    for (struct dtf_options *other = records_on; other; other = other->dtf_next)
+        if (other != options && is_of_one_file(options, other)) (void)trace_open(other);
+}
+
+static void trace_rotate(struct dtf_options *options, uint32_t old_files)
 {
     char path[PLATFORM_PATH_MAX], first[NUMBERED_SIZE];
     if (!platform_path(path, sizeof path, options->dtf_path)) return;
 
-    uint32_t old_files = options->dtf_max_files - 1;
     remove_surplus(path, old_files);
     if (old_files == 0) {
         if (ftruncate(options->dtf_fd, 0) == 0) options->dtf_size = 0;
@@ -144,16 +209,20 @@ static void trace_rotate(struct dtf_options *options)
     }
     shift_old_files(path, old_files - 1);
     if (rename(path, numbered(first, path, 0)) < 0) return;
-    (void)trace_open(options);   // without a new file, lines go on into the one that was moved
+    reopen_all(options);
 }
 
 /* Sees to it that a line of length octets may be written. */
 static void trace_make_room(struct dtf_options *options, size_t length)
 {
-    if (options->dtf_max_size == 0 || options->dtf_size + length <= options->dtf_max_size) return;
+    struct trace_limits limits = file_limits(options);
+    struct stat status;
+    if (limits.tl_size == 0 || fstat(options->dtf_fd, &status) < 0) return;
+    options->dtf_size = (uint64_t)status.st_size;
+    if (options->dtf_size + length <= limits.tl_size) return;
     if (!trace_is_current(options) && trace_open(options) < 0) return;
-    if (options->dtf_size == 0 || options->dtf_size + length <= options->dtf_max_size) return;
-    trace_rotate(options);
+    if (options->dtf_size == 0 || options->dtf_size + length <= limits.tl_size) return;
+    trace_rotate(options, limits.tl_files - 1);
 }
 
 /* --- lines ----------------------------------------------------------------------------------------------------- */
@@ -184,8 +253,7 @@ void daemon_vtrace(struct dtf_options *options, int trace_class, int, const char
     line[length++] = '\n';
 
     trace_make_room(options, length);
-    ssize_t written = write(options->dtf_fd, line, length);
-    if (written > 0) options->dtf_size += (uint64_t)written;
+    (void)!write(options->dtf_fd, line, length);   // what cannot be written is lost
     errno = error;
 }
 

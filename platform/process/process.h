@@ -34,6 +34,13 @@ enum { PLATFORM_PATH_MAX = 4096 };
  * see it held. */
 [[nodiscard]] pid_t pid_read(const char *path);
 
+/* The command name of the process pid in buffer, cut to size: the name of the file it last executed, of a script the
+ * script's, unless it took another one; 15 octets of it. A change of its title leaves it. 0, or -1 with errno, ESRCH if
+ * there is no such process; buffer is then left alone. */
+[[nodiscard]] int process_name(pid_t pid, char *buffer, size_t size);
+/* True if the process has ended and only waits for its parent, or for process 1, to take note of it. */
+bool process_is_zombie(pid_t pid);
+
 /* Prints name (null: the program's own) and the release to standard output, "NAME RELEASE". level above 1 adds lines on
  * how it was built; extended (not 0) adds the versions of what it runs with. */
 void show_daemon_version(const char *name, int level, int extended);

@@ -5,12 +5,16 @@
 #include "platform/log/log.h"
 #include "platform/log/log_private.h"
 
+#include "platform/confdb/confdb.h"
+
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
@@ -335,4 +339,68 @@ TEST_F(trace, no_old_file_is_lost_to_a_failed_rotation_or_to_others)
     std::filesystem::rename(root + TRACE_FILE, root + TRACE_FILE + ".0");   // as a child does that traces too
     write_lines(3, 4);
     EXPECT_EQ(files(3), "34|12|34|12");
+}
+
+/* Outbound SSH traces into the same file, with settings of its own. */
+class two_records : public trace {
+protected:
+    ~two_records() override { apply(""); }
+    void apply(const std::string &traceoptions)
+    {
+        static const char *const path[] = { "system", "services", "outbound-ssh", nullptr };
+        std::filesystem::create_directories(root + "/var/etc");
+        std::ofstream(root + "/var/etc/keld.conf") << "system { services { outbound-ssh { " << traceoptions << " } } }";
+        ASSERT_EQ(ddl_access_open_db(0, "keld", nullptr, -2, 0), 0);
+        tarne_trace_read_config(0, path);
+        EXPECT_EQ(ddl_access_close_db(0, 0), 0);
+    }
+    /* Numbers from both in turn, from number on; all files as one then. */
+    std::string write_both(int number, int count)
+    {
+        for (int end = number + count; number < end; number++) {
+            if (number % 2 == 0) daemon_trace(&options, DTF_BEEP, 0, "%d", number);
+            else tarne_trace(1, "%d", number);
+        }
+        return content("/var/log/keld.1") + content("/var/log/keld.0") + content(TRACE_FILE);
+    }
+    uint64_t size(const char *path) { return std::filesystem::file_size(root + path); }
+};
+
+TEST_F(two_records, of_one_file_hurt_each_other_in_nothing)
+{
+    apply("traceoptions { flag beep; size 1024; files 3; }");
+    ASSERT_EQ(daemon_trace_set(&options, ALL, 2048, 2), 0);
+    std::string text = write_both(100, 160), line = STAMP + "beep 100\n", expected;
+    for (int n = 100; n < 260; n++) expected += STAMP + (n % 2 ? "core " : "beep ") + std::to_string(n) + "\n";
+    EXPECT_EQ(text, expected);
+    for (const char *old : { "/var/log/keld.1", "/var/log/keld.0" }) {
+        EXPECT_LE(size(old), 2048u) << "the larger size holds";
+        EXPECT_GT(size(old), 2048u - line.size());
+    }
+    apply("");
+    EXPECT_EQ(write_both(500, 2), expected + STAMP + "beep 500\n");
+    apply("traceoptions { flag all; }");
+    ASSERT_EQ(daemon_trace_set(&options, 0, 0, 0), 0);
+    EXPECT_TRUE(write_both(600, 2).ends_with(STAMP + "beep 500\n" + STAMP + "core 601\n"));
+}
+
+TEST_F(two_records, a_child_keeps_one_and_never_rotates)
+{
+    apply("traceoptions { flag all; size 1024; }");
+    ASSERT_EQ(daemon_trace_set(&options, ALL, 0, 2), 0);
+    int fd = open("/dev/null", O_RDONLY), status = -1;
+    pid_t child = fork();
+    if (child == 0) {
+        tarne_trace_keep_only(STDERR_FILENO + 1);
+        bool closed = fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_WRONLY) >= 0;
+        std::string lines = write_both(0, 200);
+        _exit(closed && lines.size() > 1024 && lines.find("beep") == lines.npos ? 0 : 1);
+    }
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(files(1).find('-'), files(1).size() - 1) << "not rotated";
+    ASSERT_EQ(daemon_trace_set(&options, 0, 0, 0), 0);
+    tarne_trace(0, "the parent does that");
+    EXPECT_EQ(content(TRACE_FILE), STAMP + "core the parent does that\n");
+    close(fd);
 }

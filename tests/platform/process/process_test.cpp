@@ -97,3 +97,34 @@ TEST_F(process, version_starts_with_name_and_release)
     EXPECT_TRUE(text.starts_with("process_test " KELD_RELEASE "\nkeld " KELD_RELEASE "\n  compiler: ")) << text;
     EXPECT_NE(text.find("OpenSSL"), text.npos) << text;
 }
+
+TEST_F(process, names_of_other_processes)
+{
+    write("/sshd", "#!/bin/sh\necho\nread line\n");
+    std::filesystem::permissions(root + "/sshd", std::filesystem::perms::owner_all);
+    int in[2], out[2];
+    ASSERT_EQ(pipe2(in, O_CLOEXEC) | pipe2(out, O_CLOEXEC), 0);
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(in[0], STDIN_FILENO);
+        dup2(out[1], STDOUT_FILENO);
+        execl((root + "/sshd").c_str(), "another title", nullptr);
+        _exit(1);
+    }
+    char name[8] = "", sign;
+    ASSERT_EQ(read(out[0], &sign, 1), 1);   // the script runs
+    EXPECT_EQ(process_name(child, name, sizeof name), 0);
+    EXPECT_STREQ(name, "sshd");
+    EXPECT_EQ(process_name(child, name, 3), 0);
+    EXPECT_STREQ(name, "ss");
+    EXPECT_FALSE(process_is_zombie(child));
+    for (int end : { in[0], in[1], out[0], out[1] }) close(end);
+    siginfo_t ended;
+    ASSERT_EQ(waitid(P_PID, id_t(child), &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_TRUE(process_is_zombie(child));
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_FALSE(process_is_zombie(child));
+    EXPECT_EQ(process_name(child, name, sizeof name), -1);
+    EXPECT_EQ(errno, ESRCH);
+    EXPECT_STREQ(name, "ss");
+}
