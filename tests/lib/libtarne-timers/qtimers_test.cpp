@@ -1,0 +1,176 @@
+#include "tests/lib/libtarne-timers/clock.h"
+#include "tests/platform/confdb/alloc_faults.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+namespace {
+
+/* Timers on a real loop. A callback notes its number and does what it was told. */
+struct loop : testing::Test {
+    evContext evctx = nullptr;
+    struct qtimer_ctx *ctx = nullptr;
+    std::vector<int> fired;
+    std::function<void(int, struct qtimer *)> in_callback;
+    struct slot {
+        loop *self;
+        int number;
+    };
+    std::vector<std::unique_ptr<slot>> slots;
+    std::vector<struct qtimer *> timers;
+
+    loop()
+    {
+        reported.clear();
+        EXPECT_EQ(evCreate(&evctx), 0);
+        ctx = qtimer_init(evctx, note_assert);
+    }
+    ~loop() override
+    {
+        for (struct qtimer *timer : timers)
+            qtimer_destroy(timer);
+        free(ctx);
+        evDestroy(evctx);
+    }
+    static void call(struct qtimer *timer, uintptr_t user)
+    {
+        auto *s = reinterpret_cast<slot *>(user);
+        s->self->fired.push_back(s->number);
+        if (s->self->in_callback)
+            s->self->in_callback(s->number, timer);
+    }
+    struct qtimer *leaf(struct qtimer *parent = nullptr)
+    {
+        slots.push_back(std::make_unique<slot>(slot { this, int(slots.size()) }));
+        timers.push_back(qtimer_create_leaf(ctx, parent, call, reinterpret_cast<uintptr_t>(slots.back().get())));
+        return timers.back();
+    }
+    std::vector<int> pass(int seconds, int turns = 1)
+    {
+        clock_ns += seconds * clock_s;
+        fired.clear();
+        for (int i = 0; i < turns; i++)
+            EXPECT_GE(evTurn(evctx, 0), 0);
+        return fired;
+    }
+    using numbers = std::vector<int>;
+};
+
+}   // namespace
+
+TEST_F(loop, oneshots_fire_once_and_periodic_timers_go_round)
+{
+    qtimer_start_oneshot(leaf(), 2, 0);
+    qtimer_start_interval(leaf(), 3, 0);
+    EXPECT_EQ(pass(1), numbers {});
+    EXPECT_EQ(pass(1), numbers { 0 });
+    EXPECT_FALSE(qtimer_running(timers[0]));
+    EXPECT_EQ(pass(10, 4), (numbers { 1, 1, 1, 1 }));   // once for each interval that passed
+    EXPECT_EQ(qtimer_time_remaining(timers[1]), 3U);
+    qtimer_stop(timers[1]);
+    EXPECT_EQ(ctx->qc_armed, 0);
+    EXPECT_EQ(pass(100), numbers {});
+    qtimer_start_oneshot(timers[0], 5, 150);
+    EXPECT_EQ(timers[0]->qt_jitter, 99);
+    EXPECT_EQ(pass(5), numbers { 0 });
+    EXPECT_FALSE(qtimer_running(nullptr) || qtimer_expired(nullptr));
+    EXPECT_EQ(qtimer_time_remaining(timers[0]), 0U);
+}
+
+TEST_F(loop, a_callback_may_do_anything_to_its_timer)
+{
+    in_callback = [&](int number, struct qtimer *timer) {
+        if (number == 0)
+            qtimer_start_oneshot(timer, 7, 0);      // runs again, with the new interval
+        if (number == 1)
+            qtimer_stop(timer);                     // periodic: does not go round
+        if (number == 2)
+            qtimer_start_oneshot(timer, 7, 0);      // periodic: fires once more
+        if (number == 3) {
+            qtimer_destroy(timer);
+            EXPECT_TRUE(htimer_initialized(&timer->qt_timer));   // until the return
+            timers[3] = nullptr;
+        }
+    };
+    qtimer_start_oneshot(leaf(), 1, 0);
+    for (int i = 0; i < 3; i++)
+        qtimer_start_interval(leaf(), 1, 0);
+    EXPECT_EQ(pass(1), (numbers { 0, 1, 2, 3 }));
+    EXPECT_EQ(pass(6), numbers {});
+    in_callback = nullptr;
+    EXPECT_EQ(pass(1), (numbers { 0, 2 }));
+    EXPECT_EQ(pass(50), numbers {});
+}
+
+TEST_F(loop, a_turn_runs_ten_and_allocates_nothing)
+{
+    numbers order;
+    for (int i = 0; i < 11; i++) {
+        qtimer_start_oneshot(leaf(), 1, 0);
+        order.push_back(i);
+    }
+    fired.reserve(16);
+    clock_ns += clock_s;
+    fired.clear();
+    good_allocations = 0;   // the first allocation would fail, and the counter then be negative
+    EXPECT_GE(evTurn(evctx, 0), 0);
+    EXPECT_EQ(good_allocations, 0);
+    good_allocations = -1;
+    EXPECT_EQ(fired, numbers(order.begin(), order.end() - 1));
+    EXPECT_EQ(pass(0), numbers { 10 });
+}
+
+TEST_F(loop, autoparents_are_shared_and_go_with_their_last_timer)
+{
+    struct qtimer *a = leaf(), *b = leaf();
+    qtimer_start_autoparent_oneshot(a, 10, 0);
+    qtimer_start_autoparent_interval(b, 10, 0);
+    struct htimer *shared = a->qt_timer.ht_parent;
+    EXPECT_EQ(shared, b->qt_timer.ht_parent);
+    EXPECT_NE(shared, &ctx->qc_root);
+    qtimer_start_autoparent_oneshot(a, 10, 0);
+    EXPECT_EQ(shared, a->qt_timer.ht_parent);
+    qtimer_start_autoparent_oneshot(a, 20, 0);
+    EXPECT_NE(shared, a->qt_timer.ht_parent);
+    EXPECT_EQ(pass(10), numbers { 1 });
+    EXPECT_EQ(pass(10), (numbers { 1, 0 }));   // the user word has outlived the moves
+    struct qtimer *parent = qtimer_create_parent(ctx, nullptr);
+    qtimer_start_autoparent_oneshot(parent, 1, 0);
+    EXPECT_EQ(reported.front(), "autoparenting non-leaf timer");
+    qtimer_destroy(parent);
+}
+
+TEST_F(loop, memory_may_be_out)
+{
+    struct qtimer *timer = leaf();
+    good_allocations = 0;
+    EXPECT_EQ(qtimer_init(evctx, note_assert), nullptr);
+    good_allocations = 0;
+    EXPECT_EQ(qtimer_create_leaf(ctx, nullptr, call, 0), nullptr);
+    qtimer_start_autoparent_oneshot(timer, 77, 0);   // makes the tree of parents, if this is the first
+    for (int good : { 0, 1 }) {                      // no entry; no parent for the entry
+        good_allocations = good;
+        qtimer_start_autoparent_oneshot(timer, uint32_t(5 + good), 0);
+        good_allocations = -1;
+        EXPECT_EQ(timer->qt_timer.ht_parent, nullptr);
+        EXPECT_EQ(timer->qt_autoparent != nullptr, good == 1);
+        EXPECT_EQ(pass(10), numbers {});
+    }
+    qtimer_start_autoparent_oneshot(timer, 9, 0);
+    EXPECT_EQ(pass(9), numbers { 0 });
+}
+
+TEST_F(loop, smearing_leaves_the_event_timer_where_it_stood)
+{
+    struct qtimer *parent = qtimer_create_parent(ctx, nullptr);
+    for (int i = 0; i < 4; i++)
+        qtimer_start_oneshot(leaf(parent), 8, 0);
+    qtimer_smear_children(parent);
+    EXPECT_EQ(qtimer_time_remaining(timers[0]), 2U);
+    EXPECT_EQ(pass(7), numbers {});   // though three are due
+    EXPECT_EQ(pass(1), (numbers { 0, 1, 2, 3 }));
+    for (auto &timer : timers)
+        qtimer_destroy(std::exchange(timer, nullptr));
+    qtimer_destroy(parent);
+}
