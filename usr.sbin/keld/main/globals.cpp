@@ -11,7 +11,10 @@
 
 struct keld_config_data current_config;
 struct keld_server current_server;
+
+char ri_name[OBSSH_INSTANCE_SIZE];
 struct patricia_root *ob_ssh_patroot;
+struct qtimer_ctx *obssh_timer_context;
 
 struct beep_session *keld_sp;
 int32_t keepalive;

@@ -16,11 +16,11 @@
 #pragma once
 
 #include "platform/ev/ev.h"
-#include "platform/patricia/patricia.h"
 #include "usr.sbin/keld/beep/beep.h"
 #include "usr.sbin/keld/beep/bp_queue.h"
 #include "usr.sbin/keld/config.h"
 #include "usr.sbin/keld/notification-profile.h"
+#include "usr.sbin/keld/outbound_ssh/outbound_ssh.h"
 #include "usr.sbin/keld/str_array.h"
 
 #include <openssl/ssl.h>
@@ -36,12 +36,11 @@ enum {
     KELD_PROFILES = 2,
 };
 
-/* --- configuration in force ------------------------------------------------------------------------------------ */
+/* --- configuration in force; that of outbound SSH is declared in outbound_ssh.h ---------------------------------- */
 
 extern struct keld_config_data current_config;
 /* A copy of the server in use, or last tried; its links are stale and never followed. ks_addr 0: none is selected. */
 extern struct keld_server current_server;
-extern struct patricia_root *ob_ssh_patroot;   // outbound SSH clients by client-id
 
 /* --- the session; keepalive and last_rcvd_time are declared in notification-profile.h, which writes them too ------ */
 

@@ -28,7 +28,6 @@
 
 static const char pid_file[] = "/var/run/keld.pid";
 enum {
-    SSH_CLIENT_KEY_OCTETS = 255,   // client-id, zero-padded
     EV_DEBUG_FROM = 2,             // -d options that turn on the event library's own output
     EXIT_STATUS_MAX = 255,
 };
@@ -77,8 +76,9 @@ static void sighup_handler(int)
 static void sigterm_handler(int)
 {
     // Kept on purpose: ends the process from signal context, at once. Nothing is sent to the server, no session
-    // closed. Not exit: what it would run, OpenSSL's clean-up among it, waits for ever for a lock that the
+    // closed. Outbound SSH sessions go with the daemon, as far as a handler can see to it. Not exit: what it would run, OpenSSL's clean-up among it, waits for ever for a lock that the
     // interrupted code may hold.
+    keld_obssh_end_all();
     _exit(0);
 }
 
@@ -122,7 +122,8 @@ static void build_context(void)
         exit(EX_CANTCREAT);
     }
     if (keld_debug >= EV_DEBUG_FROM) evSetDebug(keld_evctx, keld_debug, stdout);
-    ob_ssh_patroot = patricia_root_init(nullptr, 0, SSH_CLIENT_KEY_OCTETS, 0);
+    ob_ssh_patroot = patricia_root_init(nullptr, 0, OBSSH_NAME_SIZE, 0);
+    obssh_timer_context = qtimer_init(keld_evctx, keld_obssh_qtimer_assert);
 }
 
 static void install_handlers(void)
@@ -159,6 +160,7 @@ int main(int argc, char **argv)
 
     // Errors in the configuration stop nothing: what could be read is used. Without the stanza no server is tried.
     int errors = keld_config(0, &current_config);
+    (void)keld_outbound_ssh_config(0);
     (void)keld_ui_init(keld_evctx);   // without the command socket the router is attached all the same
     if (errors >= 0) keld_arm_retry(keld_evctx, KELD_FIRST_DELAY_S);
     keld_trace("start logging");

@@ -2,7 +2,7 @@
  * Reload: applies the committed configuration to the running daemon, at SIGHUP.
  *
  * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is
- * all or nothing: unless the reader says 0 nothing changes but what is traced. Kept on purpose: that goes for a
+ * all or nothing, outbound SSH apart: unless the reader says 0 nothing changes but what is traced. Kept on purpose: that goes for a
  * stanza that was removed, too, which is not the same as removing all servers. A good configuration is moved in, and
  * takes effect with the next connection; the running session is ended only if its server's address has left the ring,
  * and otherwise told what changed among the interfaces.
@@ -75,6 +75,8 @@ void sighup_job(evContext ctx, void *, const void *)
     if (evWaitFor(ctx, tag, sighup_job, nullptr, nullptr) < 0)
         keld_event<KELD_EVLIB_FAILURE>("evWaitFor", strerror(errno));
     keld_trace("re-reading configuration");
+
+    (void)keld_outbound_ssh_config(0);   // whatever becomes of it, the rest is read
 
     struct keld_config_data fresh = {};
     if (keld_config(0, &fresh) != 0) {
