@@ -1,14 +1,15 @@
 /*
  * Commands: what a person or a script types on standard input.
  *
- * A command is one line; it acts on the session that came up last. A line that cannot be carried out gets one line that
- * says why, and nothing else happens.
+ * A command is one line; it acts on the session that came up last, of the kind that the command is for. A line that
+ * cannot be carried out gets one line that says why, and nothing else happens.
  *
  * The end of standard input ends the commands, not the server: scripts close it, or never open it, and want to be
  * served all the same. "quit", SIGINT and SIGTERM end the server. A regular file is read at once. A terminal is opened
  * anew, because the loop reads without blocking and the terminal's own descriptor belongs to the shell as well.
  */
 #include "tools/kelserver/kelserver.h"
+#include "tools/kelserver/outbound.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -21,6 +22,7 @@
 #include <unistd.h>
 
 enum { LINE_MAX_OCTETS = 4096, CALL_MAX_OCTETS = 16 << 20 };
+static constexpr size_t REST_OF_LINE = SIZE_MAX;   // an argument count: one argument, with the blanks in it
 
 using words = std::vector<std::string>;
 
@@ -70,6 +72,16 @@ static const char *command_close(struct connection *connection, const words &lin
     return session_close(connection, static_cast<uint16_t>(channel));
 }
 
+static const char *command_ssh(struct connection *, const words &line)
+{
+    return outbound_type(line[1]);
+}
+
+static const char *command_ssh_close(struct connection *, const words &)
+{
+    return outbound_close();
+}
+
 static const char *command_quit(struct connection *, const words &)
 {
     server.stopping = true;
@@ -80,39 +92,55 @@ static const char *command_help(struct connection *, const words &);
 
 static const struct command {
     const char *word, *arguments, *help;
-    size_t argument_count;
+    size_t argument_count;   // or REST_OF_LINE
     bool needs_session;
     const char *(*run)(struct connection *connection, const words &line);
 } commands[] = {
     { "rpc", "FILE", "send the file as a remote procedure call", 1, true, command_rpc },
     { "redirect", "ADDRESS PORT", "send the router to another server", 2, true, command_redirect },
     { "close", "CHANNEL", "ask the router to close a channel; 0 is the session", 1, true, command_close },
+    { "ssh", "TEXT", "type the text into the newest outbound SSH session", REST_OF_LINE, false, command_ssh },
+    { "ssh-close", "", "end what is typed there, and with it the session", 0, false, command_ssh_close },
     { "quit", "", "end all sessions and stop", 0, false, command_quit },
     { "help", "", "print this", 0, false, command_help },
 };
 
 static const char *command_help(struct connection *, const words &)
 {
-    for (const struct command &row : commands) say(nullptr, "  %-8s %-12s  %s", row.word, row.arguments, row.help);
+    for (const struct command &row : commands) say(nullptr, "  %-9s %-12s  %s", row.word, row.arguments, row.help);
     return nullptr;
 }
 
 /* --- lines ------------------------------------------------------------------------------------------------------- */
 
+/* The words of the text, at most most of them: the last is then the rest of the text. */
+static words split(const std::string &text, size_t most)
+{
+    static constexpr char blanks[] = " \t\r\v\f";
+    words line;
+    for (size_t at = text.find_first_not_of(blanks); at != std::string::npos;) {
+        size_t end = line.size() + 1 == most ? text.size() : std::min(text.find_first_of(blanks, at), text.size());
+        line.push_back(text.substr(at, end - at));
+        at = text.find_first_not_of(blanks, end);
+    }
+    return line;
+}
+
 static void run_line(const std::string &text)
 {
-    std::istringstream in(text);
-    words line;
-    for (std::string word; in >> word;) line.push_back(word);
+    words line = split(text, SIZE_MAX);
     if (line.empty()) return;
 
     auto row = std::find_if(std::begin(commands), std::end(commands),
                             [&](const struct command &candidate) { return line[0] == candidate.word; });
     if (row == std::end(commands)) {
-        say(nullptr, "no such command: '%s'; there are rpc, redirect, close, quit, help", printable(line[0]).c_str());
+        say(nullptr, "no such command: '%s'; there are rpc, redirect, close, ssh, ssh-close, quit, help",
+            printable(line[0]).c_str());
         return;
     }
-    if (line.size() != row->argument_count + 1) {
+    bool takes_rest = row->argument_count == REST_OF_LINE;
+    if (takes_rest) line = split(text, 2);
+    if (line.size() != (takes_rest ? 2 : row->argument_count + 1)) {
         say(nullptr, "usage: %s %s", row->word, row->arguments);
         return;
     }

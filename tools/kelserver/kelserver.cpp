@@ -4,14 +4,16 @@
  * It listens, accepts every router that comes, and lets a person watch and steer: what arrives is printed, a line an
  * event, and commands are read from standard input (commands.cpp). Any number of routers may be connected at once; each
  * has a number, and commands go to the one whose session came up last. It keeps nothing: what a router says is printed
- * and forgotten.
+ * and forgotten. Routers that come with outbound SSH are taken on a port of their own (outbound.cpp).
  *
  * It runs on the daemon's own engine in the listener's role, so that a trial exercises both sides of it.
  */
 #include "tools/kelserver/kelserver.h"
+#include "tools/kelserver/outbound.h"
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fstream>
 #include <getopt.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -31,6 +33,7 @@ struct server server;
 
 static constexpr char usage_text[] =
     "usage: kelserver [--port N] [--address A] [--tls CERT] [--keepalive SECONDS]\n"
+    "                 [--accept-ssh N [--ssh-secret FILE] [--ssh-user NAME] [--ssh-key FILE]]\n"
     "\n"
     "A service-deployment server for trials: prints what routers send, takes commands on standard input.\n"
     "\n"
@@ -38,12 +41,18 @@ static constexpr char usage_text[] =
     "  --address A          listen on IPv4 address A only (0.0.0.0)\n"
     "  --tls CERT           use TLS, with the certificate chain and the key in the PEM file CERT\n"
     "  --keepalive SECONDS  tell routers this interval (45); they send a keepalive at a third of it\n"
+    "  --accept-ssh N       take outbound SSH on TCP port N as well, and hand it to ssh; 0 takes a free one\n"
+    "  --ssh-secret FILE    check the HMAC of routers with the secret in the first line of FILE\n"
+    "  --ssh-user NAME      log in as NAME\n"
+    "  --ssh-key FILE       log in with the private key in FILE\n"
     "  --help               print this\n"
     "\n"
     "Commands, one a line, for the session that came up last:\n"
     "  rpc FILE               send the file as a remote procedure call\n"
     "  redirect ADDRESS PORT  send the router to another server, and end the session when it has answered\n"
     "  close CHANNEL          ask the router to close a channel; 0 is the session\n"
+    "  ssh TEXT               type the text into the outbound SSH session that came last\n"
+    "  ssh-close              end what is typed there, and with it the session\n"
     "  quit                   end all sessions and stop\n"
     "  help                   list the commands\n"
     "\n"
@@ -64,12 +73,28 @@ static int32_t option_number(const char *text, const char *name, int32_t high)
     return static_cast<int32_t>(value);
 }
 
+/* A file and not an argument, which everybody on the machine could read. */
+static std::string read_secret(const char *path)
+{
+    std::string line;
+    std::ifstream file(path);
+    if (!std::getline(file, line) || line.empty()) usage_error("--ssh-secret wants a file with a secret", path);
+    return line;
+}
+
 static struct options read_options(int argc, char **argv)
 {
     static const struct option names[] = {
-        { "port", required_argument, nullptr, 'p' }, { "address", required_argument, nullptr, 'a' },
-        { "tls", required_argument, nullptr, 't' },  { "keepalive", required_argument, nullptr, 'k' },
-        { "help", no_argument, nullptr, 'h' },       { nullptr, 0, nullptr, 0 },
+        { "port", required_argument, nullptr, 'p' },
+        { "address", required_argument, nullptr, 'a' },
+        { "tls", required_argument, nullptr, 't' },
+        { "keepalive", required_argument, nullptr, 'k' },
+        { "accept-ssh", required_argument, nullptr, 'S' },
+        { "ssh-secret", required_argument, nullptr, 's' },
+        { "ssh-user", required_argument, nullptr, 'u' },
+        { "ssh-key", required_argument, nullptr, 'i' },
+        { "help", no_argument, nullptr, 'h' },
+        { nullptr, 0, nullptr, 0 },
     };
     struct options options;
     for (int option; (option = getopt_long(argc, argv, "h", names, nullptr)) != -1;) {
@@ -85,6 +110,20 @@ static struct options read_options(int argc, char **argv)
             break;
         case 'k':
             options.keepalive_s = option_number(optarg, "--keepalive wants a number of seconds", INT32_MAX);
+            break;
+        case 'S':
+            options.accept_ssh = true;
+            options.ssh_port =
+                static_cast<uint16_t>(option_number(optarg, "--accept-ssh wants 0 to 65535", UINT16_MAX));
+            break;
+        case 's':
+            options.ssh_secret = read_secret(optarg);
+            break;
+        case 'u':
+            options.ssh_user = optarg;
+            break;
+        case 'i':
+            options.ssh_key = optarg;
             break;
         case 'h':
             fputs(usage_text, stdout);
@@ -134,7 +173,12 @@ static std::string peer_name(const struct sockaddr_in &address)
     return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-static void accept_ready(evContext, void *, int fd, int)
+/* What is done with a connection that was accepted; it is taken. */
+struct service {
+    void (*accepted)(int fd, const std::string &peer);
+};
+
+static void accept_ready(evContext, void *uap, int fd, int)
 {
     struct sockaddr_in address = {};
     socklen_t size = sizeof address;
@@ -146,30 +190,41 @@ static void accept_ready(evContext, void *, int fd, int)
     }
     // A frame goes out in three writes; without this each would wait for the acknowledgement of the one before.
     setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    connection_accept(client, peer_name(address));
+    static_cast<const struct service *>(uap)->accepted(client, peer_name(address));
 }
 
-static void listen_start(void)
+/* Listens; the port, which is one that the kernel chose if wanted is 0. */
+static uint16_t listen_start(uint16_t wanted, struct service *service)
 {
-    const struct options &options = server.options;
+    const char *host = server.options.address;
     struct sockaddr_in address = {};
     socklen_t size = sizeof address;
     int on = 1;
     address.sin_family = AF_INET;
-    address.sin_port = htons(options.port);
-    if (inet_pton(AF_INET, options.address, &address.sin_addr) != 1)
-        usage_error("--address wants an IPv4 address such as 127.0.0.1", options.address);
+    address.sin_port = htons(wanted);
+    if (inet_pton(AF_INET, host, &address.sin_addr) != 1)
+        usage_error("--address wants an IPv4 address such as 127.0.0.1", host);
 
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) fail("socket", strerror(errno));
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     struct sockaddr *generic = reinterpret_cast<struct sockaddr *>(&address);
     if (bind(fd, generic, sizeof address) < 0 || listen(fd, BACKLOG) < 0 || getsockname(fd, generic, &size) < 0)
-        fail((std::string("cannot listen on ") + options.address + " port " + std::to_string(options.port)).c_str(),
-             strerror(errno));
-    if (evSelectFD(server.ev, fd, EV_READ, accept_ready, nullptr, nullptr) < 0) fail("event loop", strerror(errno));
-    say(nullptr, "listening on %s port %u%s", options.address, ntohs(address.sin_port),
-        options.certificate ? " with TLS" : "");
+        fail((std::string("cannot listen on ") + host + " port " + std::to_string(wanted)).c_str(), strerror(errno));
+    if (evSelectFD(server.ev, fd, EV_READ, accept_ready, service, nullptr) < 0) fail("event loop", strerror(errno));
+    return ntohs(address.sin_port);
+}
+
+static void services_start(void)
+{
+    static struct service beep = { connection_accept }, ssh = { outbound_accept };
+    const struct options &options = server.options;
+    uint16_t port = listen_start(options.port, &beep);
+    say(nullptr, "listening on %s port %u%s", options.address, port, options.certificate ? " with TLS" : "");
+    if (!options.accept_ssh) return;
+    port = listen_start(options.ssh_port, &ssh);
+    say(nullptr, "outbound SSH is taken on %s port %u%s", options.address, port,
+        options.ssh_secret.empty() ? "; HMACs are not checked, no secret was given" : "");
 }
 
 /* --- the loop ---------------------------------------------------------------------------------------------------- */
@@ -186,6 +241,7 @@ static void stop_signal(int)
 
 int main(int argc, char **argv)
 {
+    if (argc == 2 && strcmp(argv[1], SSH_PROXY_OPTION) == 0) return ssh_pass_connection();
     server.options = read_options(argc, argv);
     signal(SIGPIPE, SIG_IGN);
     if (evCreate(&server.ev) < 0) fail("event loop", strerror(errno));
@@ -195,12 +251,13 @@ int main(int argc, char **argv)
     signal(SIGINT, stop_signal);
     signal(SIGTERM, stop_signal);
 
-    listen_start();
+    services_start();
     commands_start();
     while (!server.stopping)
         if (evTurn(server.ev, -1) < 0) fail("event loop", strerror(errno));
 
     connections_free();
+    outbound_free_all();
     SSL_CTX_free(server.tls);
     evDestroy(server.ev);
     say(nullptr, "stopped");

@@ -4,6 +4,9 @@
  *   kelserver.cpp    options, listening, the loop
  *   connection.cpp   one connection: TLS, transport, end
  *   session.cpp      the two profiles: what arrives, what is asked of the router
+ *   outbound.cpp     outbound SSH: a router's connection up to its SSH server, and what commands ask of it (outbound.h)
+ *   ssh_client.cpp   the ssh program on such a connection (outbound.h)
+ *   ssh_ident.cpp    what a router says in front of SSH (ssh_ident.h)
  *   commands.cpp     standard input
  *   print.cpp        standard output
  *
@@ -27,6 +30,11 @@ struct options {
     uint16_t port = SERVICE_PORT;        // 0: any free one
     const char *certificate = nullptr;   // PEM file with chain and key; null: plain TCP
     int32_t keepalive_s = KEEPALIVE_S;   // told to the router in the confirmation of its channel
+    bool accept_ssh = false;             // outbound SSH is served as well, on ssh_port
+    uint16_t ssh_port = 0;               // 0: any free one
+    std::string ssh_secret = {};         // empty: HMACs are not checked
+    const char *ssh_user = nullptr;      // null: the name of who runs this
+    const char *ssh_key = nullptr;       // file of the private key; null: what ssh finds by itself
 };
 
 struct connection {
@@ -53,7 +61,8 @@ struct server {
     struct options options;
     SSL_CTX *tls;                                   // null on plain TCP
     std::vector<struct connection *> connections;   // oldest first
-    unsigned accepted;
+    std::vector<struct outbound *> outbound;        // likewise
+    unsigned accepted;                              // of both kinds
     bool stopping;
 };
 extern struct server server;
@@ -92,6 +101,8 @@ void commands_start(void);
 
 /* One line with the time, and "#N" if connection is not null, written at once. */
 [[gnu::format(printf, 2, 3)]] void say(const struct connection *connection, const char *format, ...);
+/* The same for a connection that is known by its number. */
+[[gnu::format(printf, 2, 3)]] void say_number(unsigned number, const char *format, ...);
 /* Text from the peer, line by line, each set off by "  | ". */
 void say_block(const std::string &text);
 /* text with everything but printable ASCII replaced, so that a peer cannot write to the terminal. Line ends become

@@ -26,7 +26,7 @@ static void write_line(std::string line)
     }
 }
 
-void say(const struct connection *connection, const char *format, ...)
+[[gnu::format(printf, 2, 0)]] static void say_args(unsigned number, const char *format, va_list args)
 {
     struct timespec now;
     struct tm local;
@@ -37,15 +37,28 @@ void say(const struct connection *connection, const char *format, ...)
     localtime_r(&now.tv_sec, &local);
     strftime(clock, sizeof clock, "%H:%M:%S", &local);
 
-    va_list args;
-    va_start(args, format);
     vsnprintf(text, sizeof text, format, args);
-    va_end(args);
 
     char front[48];
-    if (connection) snprintf(front, sizeof front, "%s.%03ld #%u ", clock, now.tv_nsec / 1000000, connection->number);
+    if (number) snprintf(front, sizeof front, "%s.%03ld #%u ", clock, now.tv_nsec / 1000000, number);
     else snprintf(front, sizeof front, "%s.%03ld ", clock, now.tv_nsec / 1000000);
     write_line(std::string(front) + text);
+}
+
+void say(const struct connection *connection, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    say_args(connection ? connection->number : 0, format, args);
+    va_end(args);
+}
+
+void say_number(unsigned number, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    say_args(number, format, args);
+    va_end(args);
 }
 
 void say_block(const std::string &text)

@@ -5,6 +5,7 @@
 #include "tests/support/router.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #define MIME "Content-Type: application/beep+xml\r\n\r\n"
 #define NOTIFICATION_URI KELD_URI_BASE "/beep/tkel-notification/1.0"
@@ -94,12 +95,14 @@ TEST_F(kelserver_test, bad_commands_get_one_line_and_change_nothing)
 {
     static const struct { std::string line, answer; } rows[] = {
         { std::string(5000, 'x'), "a command of more than 4096 octets was skipped\n" },
-        { "frobnicate", "no such command: 'frobnicate'; there are rpc, redirect, close, quit, help\n" },
+        { "frobnicate", "no such command: 'frobnicate'; there are rpc, redirect, close, ssh, ssh-close, quit, help\n" },
         { "redirect 192.0.2.1", "usage: redirect ADDRESS PORT\n" },
         { "redirect 192.0.2.999 1", "redirect: ADDRESS is not an IPv4 address" },
         { "close 65536", "close: CHANNEL is not a number from 0 to 65535\n" },
         { "close 9", "close: there is no such channel" },
         { "rpc /nonexistent", "rpc: the file cannot be read\n" },
+        { "ssh", "usage: ssh TEXT\n" },
+        { "ssh uptime", "ssh: no router has an outbound SSH session\n" },
     };
     type_line(server.process, "close 1");
     EXPECT_TRUE(printed(server.process, "close: no router is connected\n"));
@@ -141,6 +144,7 @@ TEST_F(kelserver_test, end_of_input_stops_nothing_and_bad_options_do)
 
     static const struct { std::vector<std::string> options; int status; const char *prints; } rows[] = {
         { { "--port", "70000" }, 64, "--port wants 0 to 65535: '70000'" },
+        { { "--ssh-secret", "/nonexistent" }, 64, "--ssh-secret wants a file with a secret: '/nonexistent'" },
         { { "--tls", "/nonexistent.pem" }, 1, "/nonexistent.pem: error:" },
         { { "--help" }, 0, "usage: kelserver" },
     };
@@ -149,4 +153,43 @@ TEST_F(kelserver_test, end_of_input_stops_nothing_and_bad_options_do)
         EXPECT_EQ(router_run(router, "kelserver", row.options, &output), row.status);
         EXPECT_NE(output.find(row.prints), std::string::npos) << output;
     }
+}
+
+TEST(kelserver_ssh, believes_and_hands_over_or_hangs_up_with_a_reason)
+{
+    using std::string_literals::operator""s;
+    static const char front[] = "MSG-ID: DEVICE-CONN-INFO\r\nMSG-VER: V1\r\nDEVICE-ID: r\x1b\r\n";
+    struct router router;
+    router_write(router, "/secret", "s3cret\nand more");
+    struct kelserver server = kelserver_start(router, { "--accept-ssh", "0", "--ssh-secret", router.root + "/secret" });
+    ASSERT_TRUE(printed(server.process, "outbound SSH is taken on 127.0.0.1 port "));
+    std::string text = file_read(server.process.output_path);
+    std::string port = text.substr(text.rfind(' ') + 1);
+
+    static const struct { std::string rest, line; } rows[] = {
+        { "", "outbound SSH ended: the router hung up in the middle of its identification\n" },
+        { "\r\n", "outbound SSH ended: the router hung up before its SSH server spoke\n" },
+        { "\r\nSSH-2.0-x\r\n", "outbound SSH ended: HMAC absent: " },
+        { "HOST-KEY: k\0\r\nHMAC: 3e48575537919d9187078407ecb88e44b1d674e4\r\n\r\nSSH-2.0-x\r\n"s,
+          "outbound SSH ended: HMAC mismatch: " },
+        { "HOST-KEY k\r\n", "outbound SSH ended: this is no identification: " },
+    };
+    for (const auto &row : rows) {
+        struct peer peer;
+        ASSERT_TRUE(peer_connect(peer, port));
+        peer_send(peer, front + row.rest);
+        shutdown(peer.fd, SHUT_WR);
+        EXPECT_TRUE(printed(server.process, row.line)) << row.line;
+    }
+    EXPECT_TRUE(printed(server.process, "DEVICE-ID: r?\n"));
+
+    // The real ssh takes the conversation up where the identification ends.
+    struct peer peer;
+    ASSERT_TRUE(peer_connect(peer, port));
+    peer_send(peer, front + "\r\nHMAC: 3e48575537919d9187078407ecb88e44b1d674e4\r\n\r\nSSH-2.0-x\r\n"s);
+    EXPECT_TRUE(printed(server.process, "HMAC matches: "));
+    EXPECT_TRUE(peer_expect(peer, "SSH-2.0-"));
+    peer_hang_up(peer);
+    EXPECT_TRUE(printed(server.process, "outbound SSH ended: ssh ended with status 255\n"));
+    EXPECT_EQ(router_stop(router, server.process), 0);
 }
