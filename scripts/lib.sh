@@ -3,7 +3,7 @@
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 root=$PWD
 
-BUILD_PACKAGES=(g++ cmake ninja-build libssl-dev openssl pkg-config)
+BUILD_PACKAGES=(g++ cmake ninja-build flex byacc libssl-dev openssl pkg-config)
 
 # Installs those of the Debian packages named that are not installed yet.
 need_packages() {
