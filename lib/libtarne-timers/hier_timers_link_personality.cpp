@@ -56,7 +56,9 @@ bool insert(struct htimer *timer)
 bool out_of_order(const struct htimer *timer)
 {
     const struct htimer *first = timer->ht_parent->ht_first_child;
-    return (timer != first && later(timer->ht_prev, timer)) || (timer->ht_next != first && later(timer, timer->ht_next));
+    if (timer != first && later(timer->ht_prev, timer))
+        return true;
+    return timer->ht_next != first && later(timer, timer->ht_next);
 }
 
 }   // namespace
@@ -94,6 +96,7 @@ bool htimer_relink_timer(struct htimer *timer, struct ev_timespec old, bool was_
         return insert(timer);
     if (htimer_compare_timestamps(old, timer->ht_exptime) == 0)
         return false;
+    // Kept on purpose: a timer that comes to equal its next sibling stays in front of it, though it was set later.
     // True also for a timer that is not the first: the walk upward ends one level on, where nothing has changed.
     if (!out_of_order(timer))
         return true;

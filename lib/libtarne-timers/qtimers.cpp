@@ -2,8 +2,8 @@
  * Daemon timers on the hierarchical tree.
  *
  * The event timer always stands at the expiry of the tree's root. There is one place that moves it, qtimer_rearm, run
- * behind every change of the tree with the root's former expiry; the dispatcher begins by noting that the event timer is
- * spent, and whatever leaves a timer pending passes through qtimer_rearm again.
+ * behind every change of the tree with the root's former expiry; the dispatcher begins by noting that the event timer
+ * is spent, and whatever leaves a timer pending passes through qtimer_rearm again.
  *
  * A callback may do anything to its own timer. The touched flag tells the dispatcher that it did, so that the timer is
  * left as the callback wanted it; a destruction is put off until the callback has returned.

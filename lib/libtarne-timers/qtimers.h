@@ -68,9 +68,9 @@ void qtimer_start_oneshot(struct qtimer *timer, uint32_t seconds, uint32_t jitte
 void qtimer_start_interval(struct qtimer *timer, uint32_t seconds, uint32_t jitter);
 void qtimer_start_oneshot_precise(struct qtimer *timer, struct ev_timespec interval, uint32_t jitter);
 void qtimer_start_interval_precise(struct qtimer *timer, struct ev_timespec interval, uint32_t jitter);
-/* The same below a parent that all timers of this interval and jitter in the process share, so that a start in the order
- * of time costs one comparison. Without memory the timer ends without a parent and never fires. Use them in one context
- * of a process only: the parents belong to the context that came first. */
+/* The same below a parent that all timers of this interval and jitter in the process share, so that a start in the
+ * order of time costs one comparison. Without memory the timer ends without a parent and never fires. Use them in one
+ * context of a process only: the parents belong to the context that came first. */
 void qtimer_start_autoparent_oneshot(struct qtimer *timer, uint32_t seconds, uint32_t jitter);
 void qtimer_start_autoparent_interval(struct qtimer *timer, uint32_t seconds, uint32_t jitter);
 void qtimer_start_autoparent_oneshot_precise(struct qtimer *timer, struct ev_timespec interval, uint32_t jitter);

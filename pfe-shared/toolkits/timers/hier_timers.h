@@ -2,16 +2,16 @@
  * Hierarchical timers: a passive tree that keeps many timers sorted, so that the earliest expiry is read off its root.
  *
  * The tree has no clock, no thread and no memory of its own: nodes are embedded at the head of their owner's structure.
- * A leaf is a timer. A parent groups: its expiry mirrors its earliest child, so that groups can be stopped, attached and
- * detached in one operation, and timers of one interval under one parent are sorted by appending.
+ * A leaf is a timer. A parent groups: its expiry mirrors its earliest child, so that groups can be stopped, attached
+ * and detached in one operation, and timers of one interval under one parent are sorted by appending.
  *
  * Two layers. The tree logic (this folder) knows nothing of how siblings are linked or time is represented; that is the
  * link personality, the second half of this header, which a program with another clock or list replaces alone. The one
  * at hand is lib/libtarne-timers/hier_timers_link_personality: circular lists, and the event library's clock.
  *
  * Between operations: only running nodes are on a sibling list, in order of expiry, those of equal expiry in the order
- * of their setting. A parent runs exactly while a child does, and then has its first child's expiry. Leaves have no
- * children.
+ * of their setting; but a running timer that is set anew keeps its place where that still fits. A parent runs exactly
+ * while a child does, and then has its first child's expiry. Leaves have no children.
  *
  * Nothing here fails or allocates. Misuse is reported to qtimer_assert, and the operation goes on. One thread only.
  */
@@ -68,8 +68,9 @@ void htimer_init_parent(struct htimer *timer, struct htimer *parent, uint16_t ta
  * in milliseconds up to 42948 s, in seconds above), htimer_rand divides by zero. */
 void htimer_start(struct htimer *timer, struct ev_timespec interval);
 void htimer_start_jittered(struct htimer *timer, struct ev_timespec interval, uint32_t percent);
-/* The same without a walk of the siblings: a timer that would land before the parent's latest child goes gap behind that
- * one, or expires after its full interval where that is the earlier of the two and force is false. Needs a parent. */
+/* The same without a walk of the siblings: a timer that would land before the parent's latest child goes gap behind
+ * that one, or expires after its full interval where that is the earlier of the two and force is false. Needs a
+ * parent. */
 void htimer_start_jittered_latest(struct htimer *timer, struct ev_timespec interval, uint32_t percent,
                                   struct ev_timespec gap, bool force);
 /* Start a running leaf anew counted from its last expiry, so that a periodic timer does not drift; a stopped one from

@@ -5,6 +5,39 @@
 
 #include <functional>
 
+static int parents_made;
+static std::string moves;   // of the event timer: Set, Reset, Clear
+
+extern "C" {
+decltype(qtimer_create_parent) __real_qtimer_create_parent, __wrap_qtimer_create_parent;
+decltype(__evSetTimer) __real___evSetTimer, __wrap___evSetTimer;
+decltype(__evResetTimer) __real___evResetTimer, __wrap___evResetTimer;
+decltype(__evClearTimer) __real___evClearTimer, __wrap___evClearTimer;
+}
+
+struct qtimer *__wrap_qtimer_create_parent(struct qtimer_ctx *ctx, struct qtimer *parent)
+{
+    parents_made++;
+    return __real_qtimer_create_parent(ctx, parent);
+}
+int __wrap___evSetTimer(evContext ctx, evTimerFunc func, void *uap, struct ev_timespec due, struct ev_timespec inter,
+                        evTimerID *id)
+{
+    moves += 'S';
+    return __real___evSetTimer(ctx, func, uap, due, inter, id);
+}
+int __wrap___evResetTimer(evContext ctx, evTimerID id, evTimerFunc func, void *uap, struct ev_timespec due,
+                          struct ev_timespec inter)
+{
+    moves += 'R';
+    return __real___evResetTimer(ctx, id, func, uap, due, inter);
+}
+int __wrap___evClearTimer(evContext ctx, evTimerID id)
+{
+    moves += 'C';
+    return __real___evClearTimer(ctx, id);
+}
+
 namespace {
 
 /* Timers on a real loop. A callback notes its number and does what it was told. */
@@ -68,6 +101,8 @@ TEST_F(loop, oneshots_fire_once_and_periodic_timers_go_round)
     EXPECT_FALSE(qtimer_running(timers[0]));
     EXPECT_EQ(pass(10, 4), (numbers { 1, 1, 1, 1 }));   // once for each interval that passed
     EXPECT_EQ(qtimer_time_remaining(timers[1]), 3U);
+    clock_ns += 5 * clock_s;
+    EXPECT_EQ(qtimer_time_remaining(timers[1]), 0U);   // past, and not seen by the loop yet
     qtimer_stop(timers[1]);
     EXPECT_EQ(ctx->qc_armed, 0);
     EXPECT_EQ(pass(100), numbers {});
@@ -76,6 +111,24 @@ TEST_F(loop, oneshots_fire_once_and_periodic_timers_go_round)
     EXPECT_EQ(pass(5), numbers { 0 });
     EXPECT_FALSE(qtimer_running(nullptr) || qtimer_expired(nullptr));
     EXPECT_EQ(qtimer_time_remaining(timers[0]), 0U);
+    srandom(1);
+    qtimer_start_interval(timers[0], 100, 99);
+    int64_t before = ns_of(timers[0]->qt_timer.ht_exptime);
+    size_t rounds = pass(100).size();
+    EXPECT_LT(ns_of(timers[0]->qt_timer.ht_exptime) - before, int64_t(rounds) * 100 * clock_s);   // jitter each time
+}
+
+TEST_F(loop, the_event_timer_moves_with_the_root_only)
+{
+    moves.clear();
+    qtimer_start_oneshot(leaf(), 5, 0);       // S
+    qtimer_start_oneshot(leaf(), 9, 0);
+    qtimer_start_oneshot(leaf(), 2, 0);       // R
+    qtimer_stop(timers[1]);
+    qtimer_stop(timers[2]);                   // R
+    qtimer_stop(timers[0]);                   // C
+    qtimer_start_oneshot(timers[0], 1, 0);    // S
+    EXPECT_EQ(moves, "SRRCS");
 }
 
 TEST_F(loop, a_callback_may_do_anything_to_its_timer)
@@ -92,14 +145,17 @@ TEST_F(loop, a_callback_may_do_anything_to_its_timer)
             EXPECT_TRUE(htimer_initialized(&timer->qt_timer));   // until the return
             timers[3] = nullptr;
         }
+        if (number == 4)
+            qtimer_start_interval(timer, 7, 0);     // counted from now, and not sent round on top of that
     };
     qtimer_start_oneshot(leaf(), 1, 0);
-    for (int i = 0; i < 3; i++)
+    for (int i = 0; i < 4; i++)
         qtimer_start_interval(leaf(), 1, 0);
-    EXPECT_EQ(pass(1), (numbers { 0, 1, 2, 3 }));
+    EXPECT_EQ(pass(1), (numbers { 0, 1, 2, 3, 4 }));
     EXPECT_EQ(pass(6), numbers {});
     in_callback = nullptr;
-    EXPECT_EQ(pass(1), (numbers { 0, 2 }));
+    EXPECT_EQ(pass(1), (numbers { 4, 0, 2 }));   // 4 never left its place, and still fits there
+    qtimer_stop(timers[4]);
     EXPECT_EQ(pass(50), numbers {});
 }
 
@@ -139,6 +195,15 @@ TEST_F(loop, autoparents_are_shared_and_go_with_their_last_timer)
     qtimer_start_autoparent_oneshot(parent, 1, 0);
     EXPECT_EQ(reported.front(), "autoparenting non-leaf timer");
     qtimer_destroy(parent);
+
+    parents_made = 0;
+    qtimer_start_autoparent_oneshot(a, 10, 0);                 // there is the one of b
+    qtimer_start_autoparent_oneshot(a, 10, 50);                // 1
+    qtimer_start_autoparent_oneshot_precise(a, { 10, 5 }, 50); // 2
+    qtimer_destroy(std::exchange(timers[0], nullptr));
+    qtimer_destroy(std::exchange(timers[1], nullptr));
+    qtimer_start_autoparent_oneshot(leaf(), 10, 0);            // 3: the first ones are gone
+    EXPECT_EQ(parents_made, 3);
 }
 
 TEST_F(loop, memory_may_be_out)
@@ -150,6 +215,7 @@ TEST_F(loop, memory_may_be_out)
     EXPECT_EQ(qtimer_create_leaf(ctx, nullptr, call, 0), nullptr);
     qtimer_start_autoparent_oneshot(timer, 77, 0);   // makes the tree of parents, if this is the first
     for (int good : { 0, 1 }) {                      // no entry; no parent for the entry
+        qtimer_efficient_jitter(timer, good == 0);   // which needs a parent
         good_allocations = good;
         qtimer_start_autoparent_oneshot(timer, uint32_t(5 + good), 0);
         good_allocations = -1;
@@ -157,6 +223,7 @@ TEST_F(loop, memory_may_be_out)
         EXPECT_EQ(timer->qt_autoparent != nullptr, good == 1);
         EXPECT_EQ(pass(10), numbers {});
     }
+    EXPECT_EQ(reported, std::vector<std::string> { "timer->ht_parent" });
     qtimer_start_autoparent_oneshot(timer, 9, 0);
     EXPECT_EQ(pass(9), numbers { 0 });
 }
@@ -173,4 +240,17 @@ TEST_F(loop, smearing_leaves_the_event_timer_where_it_stood)
     for (auto &timer : timers)
         qtimer_destroy(std::exchange(timer, nullptr));
     qtimer_destroy(parent);
+}
+
+TEST(assert_text, is_cut_and_may_be_silenced)
+{
+    static std::string heard;
+    free(qtimer_init(nullptr, [](const char *text) { heard = text; }));
+    qtimer_assert("unit", 7, "x > 0");
+    EXPECT_EQ(heard, "unit:7: assert 'x > 0' failed");
+    qtimer_assert("unit", 7, std::string(200, 'x').c_str());
+    EXPECT_EQ(heard, "unit:7: assert '" + std::string(103, 'x'));
+    free(qtimer_init(nullptr, nullptr));
+    qtimer_assert("unit", 7, "silence");
+    EXPECT_EQ(heard.find("silence"), std::string::npos);
 }
