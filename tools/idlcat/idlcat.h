@@ -34,9 +34,9 @@ struct idlcat_fault {
 
 /* --- input ----------------------------------------------------------------------------------------------------- */
 
-/* The octets of hexadecimal text: digits in pairs, white space, comments from # to the line's end. A line may begin with
- * an offset that ends in a colon, and what stands between bars or behind two spaces and a bar is a picture, so that what
- * hexdump -C and xxd print can be given back. False with where and what in fault. */
+/* The octets of hexadecimal text: digits in pairs, white space, comments from # to the line's end. A line may begin
+ * with an offset that ends in a colon, and what stands between bars or behind two spaces and a bar is a picture, so
+ * that what hexdump -C and xxd print can be given back. False with where and what in fault. */
 bool parse_hex(const std::string &text, std::vector<uint8_t> &octets, idlcat_fault &fault);
 
 /* --- walks ----------------------------------------------------------------------------------------------------- */
@@ -66,7 +66,8 @@ bool set_fault(walk &w, size_t offset, const std::string &text);
 
 /* Prints or converts all messages of the input; name is the file's. What was wrong goes to err, a line for each broken
  * message. The number of those. */
-size_t run_messages(const idlcat_options &options, const char *name, std::span<const uint8_t> input, FILE *out, FILE *err);
+size_t run_messages(const idlcat_options &options, const char *name, std::span<const uint8_t> input, FILE *out,
+                    FILE *err);
 
 /* Writes the catalogue as a document. */
 void print_catalogue(FILE *out);

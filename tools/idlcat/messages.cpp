@@ -206,14 +206,16 @@ void run_record(run &r)
                        ? idl_idr_decode(type, record, r.input.data(), r.input.size(), take_block, &memory)
                        : idl_tlv_decode(type, record, map, r.input.data(), r.input.size(), take_block, &memory);
     if (code < 0 || size_t(code) != r.input.size())
-        report(r, m, { 0, std::string("the library refuses it: ") + (code < 0 ? code_text(code) : "octets left over") });
+        report(r, m,
+               { 0, std::string("the library refuses it: ") + (code < 0 ? code_text(code) : "octets left over") });
     else if (r.options.convert)
         convert_record(r, record, r.options.idr ? nullptr : map);
 }
 
 }   // namespace
 
-size_t run_messages(const idlcat_options &options, const char *name, std::span<const uint8_t> input, FILE *out, FILE *err)
+size_t run_messages(const idlcat_options &options, const char *name, std::span<const uint8_t> input, FILE *out,
+                    FILE *err)
 {
     run r = { options, name, input, out, err };
     if (options.type != nullptr) {

@@ -154,8 +154,9 @@ bool walk_choice(walk &w, const struct idl_type *type, size_t begin, size_t end,
     memcpy(words, w.input.data() + begin, sizeof words);
     size_t body = begin + sizeof words;
     if (words[1] > end - body)
-        return set_fault(w, begin, "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
-                                       " are left");
+        return set_fault(w, begin,
+                         "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
+                             " are left");
     const struct idl_field *member = std::find_if(type->it_fields, type->it_fields + type->it_count,
                                                   [&](const idl_field &f) { return f.if_tag == words[2]; });
     bool known = member != type->it_fields + type->it_count;

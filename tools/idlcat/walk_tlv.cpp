@@ -104,7 +104,8 @@ bool walk_words(record_walk &r, const struct idl_field &field, size_t offset, co
     return true;
 }
 
-bool walk_nested(record_walk &r, const struct idl_field &field, size_t offset, const element &e, const std::string &index)
+bool walk_nested(record_walk &r, const struct idl_field &field, size_t offset, const element &e,
+                 const std::string &index)
 {
     walk &w = r.w;
     size_t length = w.path.size();
@@ -222,12 +223,14 @@ bool walk_choice(walk &w, const struct idl_type *type, size_t begin, size_t end)
     memcpy(words, w.input.data() + begin, sizeof words);
     size_t body = begin + sizeof words;
     if (words[1] > end - body)
-        return set_fault(w, begin, "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
-                                       " are left");
+        return set_fault(w, begin,
+                         "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
+                             " are left");
     size_t index = 0;
     const struct idl_field *member = field_of(type, words[2], &index);
     size_t body_end = body + words[1];
-    print_field(w, begin, "tag", integer_text(words[2]) + (member != nullptr ? std::string(" ") + member->if_name : " unknown"));
+    print_field(w, begin, "tag",
+                integer_text(words[2]) + (member != nullptr ? std::string(" ") + member->if_name : " unknown"));
     if (member != nullptr && !walk_tlv(w, member->if_type, body, body_end))
         return false;
     return body_end == end || set_fault(w, body_end, std::to_string(end - body_end) + " octets behind the choice");

@@ -36,8 +36,8 @@ struct map_rts_msg {
  * length 0. map null, or its msg null: every field is written. */
 int32_t tlv_encode_rts_msg_0(const struct rts_msg *message, const struct map_rts_msg *map, void *buffer, size_t size);
 int32_t idr_encode_rts_msg_0(const struct rts_msg *message, void *buffer, size_t size);
-/* Octets consumed, or an enum idl_code. The record is the first thing taken from alloc, its map (if map is not null) the
- * second. A type without a codec leaves msg null. */
+/* Octets consumed, or an enum idl_code. The record is the first thing taken from alloc, its map (if map is not null)
+ * the second. A type without a codec leaves msg null. */
 int32_t tlv_decode_rts_msg_0(struct rts_msg *message, struct map_rts_msg *map, const void *data, size_t length,
                              idl_alloc_func alloc, void *context);
 int32_t idr_decode_rts_msg_0(struct rts_msg *message, const void *data, size_t length, idl_alloc_func alloc,

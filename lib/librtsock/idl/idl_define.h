@@ -1,8 +1,8 @@
 /*
- * What stands behind idl_declare.h: the tables of a catalogue (IDL_CATALOGUE) and its public functions, which do nothing
- * but name their table to the codec. For one source file of each catalogue. The checks of a table are here, too: tags
- * unique in their type, FIXED and VARIABLE told truly, presence bits where the map has them, members in place not above
- * their limit.
+ * What stands behind idl_declare.h: the tables of a catalogue (IDL_CATALOGUE) and its public functions, which do
+ * nothing but name their table to the codec. For one source file of each catalogue. The checks of a table are here,
+ * too: tags unique in their type, FIXED and VARIABLE told truly, presence bits where the map has them, members in
+ * place not above their limit.
  */
 #include "lib/librtsock/idl/idl_layout.h"
 

@@ -1,10 +1,10 @@
 /*
- * What the codec knows of a type beyond its table, computed at compile time: where presence bits are, how a tag is found,
- * and which fields can go together.
+ * What the codec knows of a type beyond its table, computed at compile time: where presence bits are, how a tag is
+ * found, and which fields can go together.
  *
- * In IDR a run of fields goes in one piece between memory and wire if they lie there alike; the mask of the record keeps
- * out what its gaps hold. In TLV a run of integers goes in one loop: their headers never change, and all their elements
- * are of one size.
+ * In IDR a run of fields goes in one piece between memory and wire if they lie there alike; the mask of the record
+ * keeps out what its gaps hold. In TLV a run of integers goes in one loop: their headers never change, and all their
+ * elements are of one size.
  */
 #pragma once
 
@@ -100,8 +100,8 @@ constexpr uint32_t align_of(const idl_field &field)
     return field.if_kind == IDL_KIND_BYTES ? 1 : idr_word;
 }
 
-/* Octets of a field that lies in memory as it does in IDR, or 0. Its place in memory must have the alignment of its place
- * on the wire, which a structure alone does not give to octets in a record of their own. */
+/* Octets of a field that lies in memory as it does in IDR, or 0. Its place in memory must have the alignment of its
+ * place on the wire, which a structure alone does not give to octets in a record of their own. */
 constexpr uint32_t flat_octets(const idl_field &field, const nested_facts &nested)
 {
     if (field.if_offset % align_of(field) != 0)
@@ -134,8 +134,8 @@ constexpr void place_bits(std::array<idl_place, count> &places, const idl_field 
     }
 }
 
-/* Puts the number of each field into the first free slot of its tag. Slots passed by in all, or UINT32_MAX if two fields
- * have one tag. */
+/* Puts the number of each field into the first free slot of its tag. Slots passed by in all, or UINT32_MAX if two
+ * fields have one tag. */
 template <size_t count, size_t size>
 constexpr uint32_t fill_tags(layout<count, size> &result, const idl_field (&fields)[count])
 {
@@ -172,8 +172,8 @@ constexpr void place_tags(layout<count, size> &result, const idl_field (&fields)
     result.tags_unique = fill_tags(result, fields) != UINT32_MAX;
 }
 
-/* A run may be copied when its first octet stands at the same offset modulo 4 in memory and on the wire: the gaps, which
- * alignment to at most 4 makes, are then the same. */
+/* A run may be copied when its first octet stands at the same offset modulo 4 in memory and on the wire: the gaps,
+ * which alignment to at most 4 makes, are then the same. */
 template <size_t count, size_t size>
 constexpr void place_steps(layout<count, size> &result, const idl_field (&fields)[count],
                            const nested_facts (&nested)[count])

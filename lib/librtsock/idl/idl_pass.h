@@ -4,8 +4,8 @@
  *
  * The words, which a .def file is written in:
  *
- *   IDL_BEGIN(T, N, DIALECT, PARTS)        a record type T of version N. DIALECT: HOST, NETWORK or IDR. PARTS: FIXED, or
- *                                          VARIABLE if a decoder may have to allocate for it, at any depth
+ *   IDL_BEGIN(T, N, DIALECT, PARTS)        a record type T of version N. DIALECT: HOST, NETWORK or IDR. PARTS:
+ *                                          FIXED, or VARIABLE if a decoder may have to allocate, at any depth
  *   IDL_BEGIN_AS(T, R, N, DIALECT, PARTS)  the same, the structure being called R, where the host has a T
  *   IDL_U8/U16/U32/U64(TAG, NAME)          integer
  *   IDL_FLEX32/FLEX64(TAG, NAME)           flexible integer
@@ -13,8 +13,8 @@
  *   IDL_BYTES(TAG, NAME, COUNT)            octets in place
  *   IDL_WORDS4(TAG, NAME)                  four 32-bit words, with tags TAG to TAG + 3, a field each: NAME_0 to NAME_3
  *   IDL_OPAQUE(TAG, NAME)                  uint8_t *NAME, uint32_t NAME_len
- *   IDL_STRING(TAG, NAME)                  the same with char *NAME, for texts. Senders count the terminator; whether one
- *                                          is there is for the reader to look at
+ *   IDL_STRING(TAG, NAME)                  the same with char *NAME, for texts. Senders count the terminator; whether
+ *                                          one is there is for the reader to look at
  *   IDL_WORD_LIST(TAG, NAME)               uint32_t *NAME, uint32_t NAME_len
  *   IDL_RECORD(TAG, U, NAME)               record or choice U in place
  *   IDL_LIST(TAG, U, NAME)                 struct U *NAME, uint32_t NAME_len

@@ -2,8 +2,8 @@
  * Encoding as IDR: the fields one after the other, each at its natural alignment up to 4, counted from the record's
  * start.
  *
- * Fields that lie in memory as they do on the wire go in one piece. Near the buffer's end, and where octets of odd length
- * have shifted the wire against memory, they go one by one. The offset runs on whether or not they fit.
+ * Fields that lie in memory as they do on the wire go in one piece. Near the buffer's end, and where octets of odd
+ * length have shifted the wire against memory, they go one by one. The offset runs on whether or not they fit.
  */
 #include "lib/librtsock/idl/codec.h"
 

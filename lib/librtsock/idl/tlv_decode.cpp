@@ -2,10 +2,10 @@
  * Decoding of TLV.
  *
  * A record is a run of elements; where the run stops making sense the record ends, and it is for what encloses it to
- * find that octets are left over. Each nested value is handed on with exactly its own octets, so nothing is read outside
- * the element it stands in. A type cannot nest in itself, for it stands in the catalogue before all that use it: the
- * depth is the catalogue's. Memory is taken for what is really there: a list is as long as its run of elements, an opaque
- * as long as its value.
+ * find that octets are left over. Each nested value is handed on with exactly its own octets, so nothing is read
+ * outside the element it stands in. A type cannot nest in itself, for it stands in the catalogue before all that use
+ * it: the depth is the catalogue's. Memory is taken for what is really there: a list is as long as its run of
+ * elements, an opaque as long as its value.
  *
  * Senders mostly write fields as they are declared. The decoder looks for the next one first, and knows of a field that
  * stands behind all those seen that it has not been seen: it is still zero, and its presence bit clear.

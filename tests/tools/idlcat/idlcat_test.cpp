@@ -100,13 +100,15 @@ TEST(idlcat, says_where_a_message_is_broken_and_goes_on)
         const char *fault;
     } rows[] = {
         { "01000000 03000000 2a0000", bare("timeval", false), "offset 0x0: an integer of 4 octets has 3" },
-        { "01000000 04000000 2a000000 0200", bare("timeval", false), "offset 0xc: the last 2 octets are no whole element" },
+        { "01000000 04000000 2a000000 0200", bare("timeval", false),
+          "offset 0xc: the last 2 octets are no whole element" },
         { "01000000 0200", bare("timeval", true), "offset 0x4: tv_usec wants 4 octets, 2 are left" },
         { "22500000 20000000 00000000", {}, "a message of 44 octets, 12 are left" },
         { "12345678 00000000 00000000", {}, "neither an envelope nor a raw message" },
         { "0011", {}, "2 octets are no whole message" },
         { "11500000 14000000 00000000 01000000 0c000000 02000000 04000000 62000000", {}, "" },
-        { "22500000 1c000000 00000000 00000000 62000400 00000000 02000000 00000000 1800 0000 01000000", {},
+        { "22500000 1c000000 00000000 00000000 62000400 00000000 02000000 00000000 1800 0000 01000000",
+          {},
           "offset 0x28: rts_hdr.rtsh_info[0]: a choice of 0 octets has no whole header" },
     };
     for (const auto &row : rows) {
@@ -119,7 +121,8 @@ TEST(idlcat, says_where_a_message_is_broken_and_goes_on)
     broken.replace(0, 17, "22500000 18000000");   // a shorter body: the envelope holds, the record does not
     outcome result = run(broken.substr(0, broken.size() - 9) + nop, {});
     EXPECT_EQ(result.broken, 1U);
-    EXPECT_NE(result.out.find("message 2: IDR, type 0 rts_base, 40 octets"), std::string::npos) << result.out << result.err;
+    EXPECT_NE(result.out.find("message 2: IDR, type 0 rts_base, 40 octets"), std::string::npos)
+        << result.out << result.err;
 }
 
 TEST(idlcat, reads_dumps)

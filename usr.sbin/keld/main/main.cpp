@@ -76,8 +76,8 @@ static void sighup_handler(int)
 static void sigterm_handler(int)
 {
     // Kept on purpose: ends the process from signal context, at once. Nothing is sent to the server, no session
-    // closed. Outbound SSH sessions go with the daemon, as far as a handler can see to it. Not exit: what it would run, OpenSSL's clean-up among it, waits for ever for a lock that the
-    // interrupted code may hold.
+    // closed. Outbound SSH sessions go with the daemon, as far as a handler can see to it. Not exit: what it would
+    // run, OpenSSL's clean-up among it, waits for ever for a lock that the interrupted code may hold.
     keld_obssh_end_all();
     _exit(0);
 }

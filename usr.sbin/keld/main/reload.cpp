@@ -2,10 +2,10 @@
  * Reload: applies the committed configuration to the running daemon, at SIGHUP.
  *
  * The job runs from the loop, never from the signal handler, so that it may touch session and configuration. It is
- * all or nothing, outbound SSH apart: unless the reader says 0 nothing changes but what is traced. Kept on purpose: that goes for a
- * stanza that was removed, too, which is not the same as removing all servers. A good configuration is moved in, and
- * takes effect with the next connection; the running session is ended only if its server's address has left the ring,
- * and otherwise told what changed among the interfaces.
+ * all or nothing, outbound SSH apart: unless the reader says 0 nothing changes but what is traced. Kept on purpose:
+ * that goes for a stanza that was removed, too, which is not the same as removing all servers. A good configuration
+ * is moved in, and takes effect with the next connection; the running session is ended only if its server's address
+ * has left the ring, and otherwise told what changed among the interfaces.
  *
  * Closing is a request. The server is asked to end the session, and keepalive_cb cleans up once it has done so, or has
  * been silent for too long.

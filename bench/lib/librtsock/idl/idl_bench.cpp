@@ -3,15 +3,15 @@
  * Buffers with an arena on the same record.
  *
  * All write into a buffer and read into an arena that are there before. Both libraries tell presence: TLV goes with a
- * presence map and the other side's fields are optional ones. "bare" is TLV without the map, as a reader goes that does
- * not ask what was there. The other side's record is filled from ours by name, with its reflection, so that they cannot
- * drift apart. Rounds alternate, so that what disturbs the machine disturbs all; the
- * figures are medians, and a ratio is the median of the rounds' ratios. A goal that is missed is shown and is no failure,
- * since a loaded machine can do that.
+ * presence map and the other side's fields are optional ones. "bare" is TLV without the map, as a reader goes that
+ * does not ask what was there. The other side's record is filled from ours by name, with its reflection, so that they
+ * cannot drift apart. Rounds alternate, so that what disturbs the machine disturbs all; the figures are medians, and
+ * a ratio is the median of the rounds' ratios. A goal that is missed is shown and is no failure, since a loaded
+ * machine can do that.
  *
- *   idl_bench                               the table
- *   idl_bench RECORD FORM WAY TIMES         that one thing so many times, for an instruction counter: rtb_msg or rt_msg;
- *                                           idr, tlv, bare or protobuf; encode or decode
+ *   idl_bench                           the table
+ *   idl_bench RECORD FORM WAY TIMES     that one thing so many times, for an instruction counter: rtb_msg or rt_msg;
+ *                                       idr, tlv, bare or protobuf; encode or decode
  */
 #include "lib/librtsock/idl/idl.h"
 

@@ -48,8 +48,8 @@ TEST(golden, header)
 {
     const struct rts_hdr header = { 0, 98, 1, 4, 2, 0x11223344, 7, 3, 200, 9, 5, nullptr, 0 };
     // As in the raw form up to offset 23, then the count of items.
-    EXPECT_EQ(idr_of(&idl_type_rts_hdr, &header),
-              octets({ 0, 0, 0, 0, 98, 1, 4, 2, 0x44, 0x33, 0x22, 0x11, 7, 0, 0, 0, 3, 0, 0, 0, 200, 0, 9, 5, 0, 0, 0, 0 }));
+    EXPECT_EQ(idr_of(&idl_type_rts_hdr, &header), octets({ 0, 0, 0, 0, 98, 1, 4,   2, 0x44, 0x33, 0x22, 0x11, 7, 0,
+                                                           0, 0, 3, 0, 0,  0, 200, 0, 9,    5,    0,    0,    0, 0 }));
     octets tlv = tlv_of(&idl_type_rts_hdr, &header);
     ASSERT_EQ(tlv.size(), 132U);
     const uint8_t tags[] = { 1, 2, 3, 4, 5, 6, 7, 8, 9, 12, 10 };
@@ -73,7 +73,8 @@ TEST(golden, table_message_of_an_old_sender)
     struct map_rtb_msg map;
     heap memory;
     // The last element lacks its padding, and the result tells so.
-    ASSERT_EQ(tlv_decode_rtb_msg_0(&message, &map, body.data(), body.size(), heap::take, &memory), int32_t(body.size()));
+    ASSERT_EQ(tlv_decode_rtb_msg_0(&message, &map, body.data(), body.size(), heap::take, &memory),
+              int32_t(body.size()));
     EXPECT_EQ(message.rts_hdr.rtsh_type, 1);
     EXPECT_EQ(message.tid, 5);
     EXPECT_EQ(message.af, 28);
@@ -85,8 +86,8 @@ TEST(golden, table_message_of_an_old_sender)
 TEST(golden, network_dialect)
 {
     const struct mcf_filter_key key = { 0x01020304, 28, 5, 0x0607 };
-    EXPECT_EQ(tlv_of(&idl_type_mcf_filter_key, &key),
-              octets({ 0, 1, 0, 4, 1, 2, 3, 4, 0, 2, 0, 1, 28, 0, 0, 0, 0, 3, 0, 1, 5, 0, 0, 0, 0, 4, 0, 2, 6, 7, 0, 0 }));
+    EXPECT_EQ(tlv_of(&idl_type_mcf_filter_key, &key), octets({ 0, 1, 0, 4, 1, 2, 3, 4, 0, 2, 0, 1, 28, 0, 0, 0,
+                                                               0, 3, 0, 1, 5, 0, 0, 0, 0, 4, 0, 2, 6,  7, 0, 0 }));
     // One octet short: the same size, and the last element is missing.
     octets buffer(31, 0xee);
     EXPECT_EQ(tlv_encode_mcf_filter_key_0(&key, nullptr, buffer.data(), 29), 32);
@@ -101,7 +102,9 @@ TEST(tlv, what_a_reader_makes_of_odd_elements)
         int32_t with_map, without;   // results
         uint32_t first, last;        // tv_sec with a map and without
     } rows[] = {
-        { "unknown tag between", element(1, { 1, 0, 0, 0 }) + element(99, { 1, 2, 3 }) + octets({ 0 }) + element(2, { 2, 0, 0, 0 }), 36, 36, 1, 1 },
+        { "unknown tag between",
+          element(1, { 1, 0, 0, 0 }) + element(99, { 1, 2, 3 }) + octets({ 0 }) + element(2, { 2, 0, 0, 0 }), 36, 36, 1,
+          1 },
         { "grown field", element(1, { 1, 0, 0, 0, 7, 7, 7, 7 }), 16, 16, 1, 1 },
         { "short field", element(1, { 1, 0, 0 }), -1, -1, 0, 0 },
         { "repeated", element(1, { 1, 0, 0, 0 }) + element(1, { 2, 0, 0, 0 }), 24, 24, 1, 2 },
@@ -142,7 +145,8 @@ TEST(tlv, flexible_widths_and_families)
     testing::internal::CaptureStderr();
     EXPECT_EQ(rts_decode_af(92), 92);
     EXPECT_EQ(rts_encode_af(146), 146);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("rts_encode_af: Invalid address family 146"), std::string::npos);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("rts_encode_af: Invalid address family 146"),
+              std::string::npos);
 }
 
 TEST(tlv, lists_and_nested_records)

@@ -1,6 +1,6 @@
 /*
- * Adding a type is adding a table: a catalogue that the library has never heard of has codecs all the same. Its types are
- * made to meet what the library's own do not.
+ * Adding a type is adding a table: a catalogue that the library has never heard of has codecs all the same. Its types
+ * are made to meet what the library's own do not.
  */
 #include "tests/lib/librtsock/idl/random_record.h"
 
