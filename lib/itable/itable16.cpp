@@ -9,8 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-extern "C" {
-
 namespace {
 
 void *take_zeroed(const struct itable16 *table, size_t size)
@@ -232,5 +230,3 @@ void itable16_set_packed(struct itable16 *table, uint8_t packed)
     if (table != nullptr)
         table->it_packed = packed;
 }
-
-}   // extern "C"

@@ -8,8 +8,6 @@
 
 #include <string.h>
 
-extern "C" {
-
 namespace {
 
 enum : uint32_t { HALF_BITS = 16, LOW_HALF = 0xffff, NO_LIMIT = UINT32_MAX };
@@ -239,5 +237,3 @@ void itable32_set_packed(struct itable32 *table, uint8_t packed)
          sub != nullptr; sub = next_subtable(table, &high))
         sub->it_packed = packed;
 }
-
-}   // extern "C"

@@ -5,14 +5,16 @@
  * comparison instead of a walk. Entries are counted references in one patricia tree for the whole process. A new
  * reference is taken before the old one is dropped, so that a timer restarted alike cannot take its parent away from
  * under itself.
+ *
+ * Kept on purpose: the tree is the process's, so timers of a second context come below parents of the first. A parent
+ * for which there was no memory is not asked for again while its entry lives. A count that is 0 already is reported and
+ * counted down all the same.
  */
 #include "lib/libtarne-timers/autoparent.h"
 #include "platform/patricia/patricia.h"
 
 #include <stddef.h>
 #include <stdlib.h>
-
-extern "C" {
 
 namespace {
 
@@ -112,5 +114,3 @@ void qtimer_set_autoparent(struct qtimer *timer, struct ev_timespec interval, ui
     htimer_init_leaf(&timer->qt_timer, parent, 0);
     timer->qt_timer.ht_user = user;
 }
-
-}   // extern "C"

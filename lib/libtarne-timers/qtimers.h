@@ -76,7 +76,8 @@ void qtimer_start_autoparent_interval(struct qtimer *timer, uint32_t seconds, ui
 void qtimer_start_autoparent_oneshot_precise(struct qtimer *timer, struct ev_timespec interval, uint32_t jitter);
 void qtimer_start_autoparent_interval_precise(struct qtimer *timer, struct ev_timespec interval, uint32_t jitter);
 
-/* Stops the timer, or all below a parent. Null allowed. */
+/* Stops the timer, or all below a parent. Null allowed. Mind: a periodic timer that stops its own parent from inside
+ * its callback goes round all the same; it must be stopped itself. */
 void qtimer_stop(struct qtimer *timer);
 /* Stops and frees the timer; from inside its own callback it is freed when that returns. Children of a parent are the
  * caller's to end first. Null allowed. */
@@ -90,7 +91,7 @@ uint32_t qtimer_time_remaining(const struct qtimer *timer);
 void qtimer_time_remaining_precise(const struct qtimer *timer, struct ev_timespec *out);
 /* htimer_smear_children. The event timer is not moved: what now expires earlier still waits for the former earliest. */
 void qtimer_smear_children(struct qtimer *parent);
-/* Has later starts place the timer behind its latest sibling instead of searching its place. */
+/* Has later starts use htimer_start_jittered_latest, which mostly places the timer without a search. */
 void qtimer_efficient_jitter(struct qtimer *timer, bool on);
 
 enum { QTIMER_ASSERT_MAX = 120 };   // octets of a text of qtimer_assert, terminator included

@@ -40,8 +40,6 @@ constexpr std::array<uint8_t, FAMILIES> numbers = [] {
 
 }   // namespace
 
-extern "C" {
-
 uint8_t rts_decode_af(uint8_t number)
 {
     if (number < NUMBERS)
@@ -57,5 +55,3 @@ uint8_t rts_encode_af(uint8_t family)
     logging(LOG_CRIT, "%s: Invalid address family %d", __func__, family);
     return family;
 }
-
-}   // extern "C"

@@ -75,8 +75,6 @@ opened open_message(uint32_t magic, struct rts_msg *message, const uint8_t *data
 
 }   // namespace
 
-extern "C" {
-
 const uint32_t tlv_rtti_sizeof_rts_msg_0 = sizeof(struct rts_msg);
 const uint32_t tlv_rtti_sizeof_map_rts_msg_0 = sizeof(struct map_rts_msg);
 const uint32_t idr_rtti_sizeof_rts_msg_0 = sizeof(struct rts_msg);
@@ -153,5 +151,3 @@ void idr_release_rts_msg_0(struct rts_msg *message, idl_release_func release, vo
 {
     tlv_release_rts_msg_0(message, nullptr, release, context);
 }
-
-}   // extern "C"

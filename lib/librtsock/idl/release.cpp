@@ -114,8 +114,6 @@ bool idl_holds_memory(const struct idl_type *type, const void *record)
     return false;
 }
 
-extern "C" {
-
 void idl_tlv_release(const struct idl_type *type, void *record, void *map, idl_release_func release, void *context)
 {
     release_any({ release, context }, type, record, map);
@@ -130,5 +128,3 @@ bool idl_map_has(const struct idl_type *type, const void *map, uint32_t index)
 {
     return idl_bit(map, &type->it_places[index]);
 }
-
-}   // extern "C"

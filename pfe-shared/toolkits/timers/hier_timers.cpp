@@ -4,14 +4,12 @@
  * Two walks upward carry everything. htimer_apply_exptime follows a new expiry from a node to the root and stops at the
  * first level at which nothing changed; htimer_remove_timer takes a node off, and with it each parent that is left
  * empty. Siblings and times are only touched through the link personality, except that htimer_calculate_exptime has to
- * look at the words of an interval to keep its products in 32 bits: 41 s and 42948 s are the longest whole seconds of
- * which a hundredfold fits in microseconds and in milliseconds.
+ * look at the words of an interval to choose a unit in which a hundredfold fits into 32 bits: 41 s and 42948 s are the
+ * longest whole seconds for microseconds and for milliseconds. Beyond 42949672 s it does not fit in any, and wraps.
  */
 #include "pfe-shared/toolkits/timers/hier_timers.h"
 
 #include <string.h>
-
-extern "C" {
 
 namespace {
 
@@ -281,5 +279,3 @@ void htimer_prune_subtree(struct htimer *root)
     htimer_remove_timer(root);
     root->ht_parent = nullptr;
 }
-
-}   // extern "C"

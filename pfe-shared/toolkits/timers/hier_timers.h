@@ -64,13 +64,14 @@ void htimer_init_parent(struct htimer *timer, struct htimer *parent, uint16_t ta
 /* Start a leaf, or start it anew: it expires interval from now, or up to percent of the interval earlier, never later.
  * percent above 100 is 100.
  *
- * Mind: with a percent other than 0 and an interval so short that percent of it is nothing (in microseconds up to 41 s,
- * in milliseconds up to 42948 s, in seconds above), htimer_rand divides by zero. */
+ * Mind: with a percent other than 0, htimer_rand divides by zero where percent of the interval comes out as nothing. It
+ * is counted in 32 bits, in microseconds up to 41 s, in milliseconds up to 42948 s, in seconds above: so for very short
+ * intervals, and for some above 42949672 s, where the product wraps. */
 void htimer_start(struct htimer *timer, struct ev_timespec interval);
 void htimer_start_jittered(struct htimer *timer, struct ev_timespec interval, uint32_t percent);
-/* The same without a walk of the siblings: a timer that would land before the parent's latest child goes gap behind
- * that one, or expires after its full interval where that is the earlier of the two and force is false. Needs a
- * parent. */
+/* The same, but a timer that would land before the parent's latest child goes gap behind that one, which costs no
+ * walk of the siblings. If force is false and that child expires only after the full interval, the timer takes the
+ * full interval instead. With a gap it may so expire later than its interval. Needs a parent. */
 void htimer_start_jittered_latest(struct htimer *timer, struct ev_timespec interval, uint32_t percent,
                                   struct ev_timespec gap, bool force);
 /* Start a running leaf anew counted from its last expiry, so that a periodic timer does not drift; a stopped one from
@@ -114,7 +115,8 @@ void htimer_add_timestamps(struct ev_timespec *a, struct ev_timespec b);
 void htimer_subtract_timestamps(struct ev_timespec *a, struct ev_timespec b);
 /* Negative, zero or positive as a is before, equal to or after b. */
 int htimer_compare_timestamps(struct ev_timespec a, struct ev_timespec b);
-/* a divided by n, which is not 0, in 32-bit arithmetic: a little less than the exact quotient. */
+/* a, which is not negative, divided by n, which is not 0, in 32-bit arithmetic: at most a little less than the exact
+ * quotient. */
 void htimer_divn_timestamp(struct ev_timespec *a, uint32_t n);
 bool htimer_is_zero(struct ev_timespec time);
 void htimer_current_time(struct ev_timespec *out);

@@ -24,12 +24,14 @@ int __wrap___evSetTimer(evContext ctx, evTimerFunc func, void *uap, struct ev_ti
                         evTimerID *id)
 {
     moves += 'S';
+    EXPECT_TRUE(htimer_is_zero(inter));   // never a repeating one
     return __real___evSetTimer(ctx, func, uap, due, inter, id);
 }
 int __wrap___evResetTimer(evContext ctx, evTimerID id, evTimerFunc func, void *uap, struct ev_timespec due,
                           struct ev_timespec inter)
 {
     moves += 'R';
+    EXPECT_TRUE(htimer_is_zero(inter));
     return __real___evResetTimer(ctx, id, func, uap, due, inter);
 }
 int __wrap___evClearTimer(evContext ctx, evTimerID id)
@@ -203,6 +205,7 @@ TEST_F(loop, autoparents_are_shared_and_go_with_their_last_timer)
     qtimer_destroy(std::exchange(timers[0], nullptr));
     qtimer_destroy(std::exchange(timers[1], nullptr));
     qtimer_start_autoparent_oneshot(leaf(), 10, 0);            // 3: the first ones are gone
+    qtimer_start_autoparent_oneshot(timers.back(), 10, 0);     // alone below its parent, and stays there
     EXPECT_EQ(parents_made, 3);
 }
 

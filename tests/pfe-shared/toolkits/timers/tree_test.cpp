@@ -198,6 +198,7 @@ TEST_F(siblings, smearing_spreads_them_evenly)
     EXPECT_EQ(ns_of(root.ht_exptime), clock_ns + 2 * clock_s);
     EXPECT_EQ(start({ 10, 10 }), (std::vector<int64_t>{ 10, 10, -1, -1, -1, -1 }));
     EXPECT_EQ(start({ 1, 3, 5, 10 }), (std::vector<int64_t>{ 1, 3, 5, 10, -1, -1 }));   // spread enough already
+    EXPECT_EQ(start({ 10, 39, 100, 100 }), (std::vector<int64_t>{ 10, 39, 69, 100, -1, -1 }));
     EXPECT_EQ(start({ 1, 9, 10, 10 }), (std::vector<int64_t>{ 1, 4, 7, 10, -1, -1 }));  // anew from the early one
 }
 
