@@ -17,7 +17,7 @@ void *take_zeroed(const struct itable16 *table, size_t size)
     return memory != nullptr ? memset(memory, 0, size) : nullptr;
 }
 
-/* The leaf that the index falls into, made if it is missing; null without memory. A middle table made just before stays. */
+/* The leaf that the index falls into, made if missing; null without memory, and a middle table made before it stays. */
 struct itable_leaf *make_leaf(struct itable16 *table, uint32_t index)
 {
     struct itable_middle *&middle = table->it_block[block_of(index)];
@@ -80,7 +80,7 @@ int itable16_alloc_append(struct itable16 *table, uintptr_t value, uint16_t *ind
     return ITABLE_DONE;
 }
 
-/* The first free slot of a leaf that begins at index, below the mark; false without one. */
+/* Takes the first free slot below the mark of the leaf that begins at first; false without one. */
 bool scan_leaf(struct itable16 *table, struct itable_leaf *leaf, uint32_t first, uintptr_t value, uint16_t *index)
 {
     for (uint32_t at = first; at < first + ITABLE_ENTRIES && at < table->it_next; at++) {
@@ -93,9 +93,20 @@ bool scan_leaf(struct itable16 *table, struct itable_leaf *leaf, uint32_t first,
     return false;
 }
 
+/* Whether the block that begins at first has nothing to give to a scan, so that it need not go through the leaves. */
+bool block_is_idle(const struct itable16 *table, uint32_t first, bool growing)
+{
+    return table->it_count[block_of(first)] == 1U << BLOCK_BITS
+           || (!growing && table->it_block[block_of(first)] == nullptr);
+}
+
 int itable16_alloc_scan(struct itable16 *table, uintptr_t value, uint16_t *index, bool growing)
 {
     for (uint32_t at = 0; at < table->it_next; at += ITABLE_ENTRIES) {
+        if (block_is_idle(table, at, growing)) {
+            at |= (1U << BLOCK_BITS) - ITABLE_ENTRIES;   // its last leaf
+            continue;
+        }
         struct itable_leaf *leaf = growing ? make_leaf(table, at) : find_leaf(table, at);
         if (leaf == nullptr && growing)
             return ITABLE_NO_ROOM;
@@ -182,7 +193,7 @@ void itable16_remove(struct itable16 *table, const uint16_t *index)
     struct itable_leaf *leaf = find_leaf(table, *index);
     if (leaf == nullptr || leaf->il_value[slot_of(*index)] == 0)
         return;
-    uint32_t removed = *index;
+    const uint32_t removed = *index;
     store(table, leaf, removed, 0);
     if (table->it_count[block_of(removed)] == 0)
         release_block(table, block_of(removed));

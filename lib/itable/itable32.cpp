@@ -10,7 +10,7 @@
 
 namespace {
 
-enum : uint32_t { HALF_BITS = 16, LOW_HALF = 0xffff, NO_LIMIT = UINT32_MAX };
+enum : uint32_t { HALF_BITS = 16, NO_LIMIT = UINT32_MAX };
 
 constexpr uint16_t high_half(uint32_t index)
 {
@@ -32,10 +32,10 @@ struct itable16 *subtable(const struct itable32 *table, uint16_t high)
     return reinterpret_cast<struct itable16 *>(itable_find(table->it_top, high));
 }
 
-/* The sub-table behind *high, which becomes its half, or null. */
-struct itable16 *next_subtable(const struct itable32 *table, uint16_t *high)
+/* The next sub-table behind *high, or the first if high is null; *found becomes its high half. Null at the end. */
+struct itable16 *next_subtable(const struct itable32 *table, const uint16_t *high, uint16_t *found)
 {
-    return reinterpret_cast<struct itable16 *>(itable16_getnext(table->it_top, high, high));
+    return reinterpret_cast<struct itable16 *>(itable16_getnext(table->it_top, high, found));
 }
 
 /* A new sub-table, or null: without memory, or beyond the limit. */
@@ -56,7 +56,7 @@ struct itable16 *itable32_add_subtable(struct itable32 *table, uint16_t high)
     return sub;
 }
 
-/* Kept on purpose: an index at the mark itself leaves the mark where it is. */
+/* Kept on purpose: an index at the mark itself leaves the mark where it is. Behind the last index the mark is 0. */
 void move_mark(struct itable32 *table, uint32_t index)
 {
     if (index > table->it_next)
@@ -66,14 +66,13 @@ void move_mark(struct itable32 *table, uint32_t index)
 /* Kept on purpose: 16 bits are read of both marks, so that a table filled to the end reads as empty. */
 void rebuild_mark(struct itable32 *table)
 {
-    uint32_t end = table->it_top->it_next & LOW_HALF;
+    uint16_t end = low_half(table->it_top->it_next);
     if (end == 0) {
         table->it_next = 0;
         return;
     }
-    uint16_t high = uint16_t(end - 1);
-    const struct itable16 *sub = subtable(table, high);
-    table->it_next = joined(high, sub != nullptr ? sub->it_next & LOW_HALF : 0);
+    uint16_t high = uint16_t(end - 1);   // the top's mark always stands behind a sub-table
+    table->it_next = joined(high, low_half(subtable(table, high)->it_next));
 }
 
 /* The first value in sub at or behind low index 0; its low half in *low. */
@@ -109,8 +108,7 @@ uint32_t itable32_destroy(struct itable32 *table)
         return 0;
     uint32_t values = 0;
     uint16_t high = 0;
-    for (struct itable16 *sub = reinterpret_cast<struct itable16 *>(itable16_getnext(table->it_top, nullptr, &high));
-         sub != nullptr; sub = next_subtable(table, &high))
+    for (auto *sub = next_subtable(table, nullptr, &high); sub != nullptr; sub = next_subtable(table, &high, &high))
         values += itable16_destroy(sub);
     itable16_destroy(table->it_top);
     table->it_free(table->it_opaque, table);
@@ -203,7 +201,7 @@ uintptr_t itable32_getnext(const struct itable32 *table, const uint32_t *index, 
     if (sub != nullptr)
         value = index != nullptr ? itable16_getnext(sub, &low, &low) : first_in(sub, &low);
     while (value == 0) {
-        sub = next_subtable(table, &high);
+        sub = next_subtable(table, &high, &high);
         if (sub == nullptr)
             return 0;
         value = first_in(sub, &low);
@@ -217,11 +215,9 @@ void itable32_set_maxindex(struct itable32 *table, uint32_t limit)
 {
     if (table == nullptr || limit == 0)
         return;
+    // Kept on purpose: the sub-table under the old limit is bounded by the new limit's low half. The one under the new
+    // limit is bounded only when it is made; one that stands already keeps its room.
     struct itable16 *sub = subtable(table, high_half(table->it_maxindex));
-    if (sub != nullptr && table->it_maxindex != NO_LIMIT)
-        sub->it_maxindex = ITABLE16_LIMIT;
-    // Kept on purpose: the old limit's table takes the new limit's low half, too. The table under the new limit gets its
-    // own bound when it is made.
     if (sub != nullptr)
         sub->it_maxindex = low_half(limit) + 1U;
     table->it_maxindex = limit;
@@ -233,7 +229,6 @@ void itable32_set_packed(struct itable32 *table, uint8_t packed)
         return;
     table->it_packed = packed;
     uint16_t high = 0;
-    for (struct itable16 *sub = reinterpret_cast<struct itable16 *>(itable16_getnext(table->it_top, nullptr, &high));
-         sub != nullptr; sub = next_subtable(table, &high))
+    for (auto *sub = next_subtable(table, nullptr, &high); sub != nullptr; sub = next_subtable(table, &high, &high))
         sub->it_packed = packed;
 }

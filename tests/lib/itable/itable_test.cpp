@@ -1,5 +1,6 @@
 /*
- * Both forms against models that have the same oddities, driven by random operations, and with hooks that fail.
+ * Both forms against models that have the same oddities, driven by random operations in both modes, and with hooks that
+ * fail. The models also know what memory a table holds.
  */
 #include "lib/itable/itable.h"
 
@@ -7,22 +8,23 @@
 #include <stdlib.h>
 
 #include <map>
-#include <memory>
 #include <random>
 #include <set>
+#include <vector>
 
 namespace {
 
-/* Hooks that count what is out, and fail when their allowance is used up. */
+/* Hooks that count what is out. Number fails fails, and with from_then_on all behind it. */
 struct heap {
-    int out = 0;
-    int left = -1;
+    size_t out = 0;
+    int calls = 0, fails = -1;
+    bool from_then_on = false;
     static void *take(uintptr_t opaque, size_t size)
     {
         auto *h = reinterpret_cast<heap *>(opaque);
-        if (h->left == 0)
+        int call = h->calls++;
+        if (call == h->fails || (h->from_then_on && call > h->fails))
             return nullptr;
-        h->left -= h->left > 0 ? 1 : 0;
         h->out++;
         return malloc(size);
     }
@@ -31,61 +33,44 @@ struct heap {
         reinterpret_cast<heap *>(opaque)->out--;
         free(memory);
     }
-    uintptr_t word() { return reinterpret_cast<uintptr_t>(this); }
 };
 
 struct model16 {
     std::map<uint32_t, uintptr_t> values;
-    std::set<uint32_t> leaves;   // number of each leaf there is
+    std::set<uint32_t> leaves;   // by number
     uint32_t next = 0, max = 0x10000;
     bool packed = false;
 
-    void put(uint32_t index, uintptr_t value)
+    bool put(uint32_t index, uintptr_t value)
     {
         leaves.insert(index / 64);
-        if (value != 0)
-            values[index] = value;
-        else
+        values[index] = value;
+        if (value == 0)
             values.erase(index);
-    }
-    int insert(uint32_t index, uintptr_t value)
-    {
-        if (index >= max)
-            return 1;
-        put(index, value);
-        next = std::max(next, index + 1);
-        return 0;
-    }
-    bool append(uintptr_t value, uint32_t *index)
-    {
-        if (next >= max)
-            return false;
-        put(*index = next, value);
-        next++;
         return true;
     }
-    bool scan(uintptr_t value, uint32_t *index, bool growing)
+    int insert(uintptr_t value, uint32_t index)
     {
-        for (uint32_t at = 0; at < next; at++) {
-            if (growing)
-                leaves.insert(at / 64);
-            if (values.count(at) == 0 && leaves.count(at / 64) != 0) {
-                put(*index = at, value);
-                return true;
-            }
-        }
-        return false;
+        if (index >= max)
+            return ITABLE_BEYOND;
+        put(index, value);
+        next = std::max(next, index + 1);
+        return ITABLE_DONE;
     }
     int alloc(uintptr_t value, uint32_t *index)
     {
-        bool done = packed ? scan(value, index, false) || append(value, index)
-                           : append(value, index) || scan(value, index, true);
-        return done ? 0 : 12;
+        auto append = [&] { return next < max && put(*index = next++, value); };
+        auto scan = [&](bool growing) {
+            for (uint32_t at = 0; at < next; at++)
+                if (values.count(at) == 0 && (growing || leaves.count(at / 64) != 0))
+                    return put(*index = at, value);
+            return false;
+        };
+        return (packed ? scan(false) || append() : append() || scan(true)) ? ITABLE_DONE : ITABLE_NO_ROOM;
     }
-    uintptr_t lookup(uint32_t index) const { return values.count(index) != 0 ? values.at(index) : 0; }
     uintptr_t replace(uint32_t index, uintptr_t value)
     {
-        uintptr_t old = lookup(index);
+        uintptr_t old = values.count(index) != 0 ? values[index] : 0;
         if (index < next && leaves.count(index / 64) != 0)
             put(index, value);
         return old;
@@ -94,15 +79,22 @@ struct model16 {
     {
         if (values.erase(index) == 0)
             return;
-        auto first = values.lower_bound(index & ~0xfffU);
-        if (first == values.end() || first->first >> 12 != index >> 12)
+        auto left = values.lower_bound(index & ~0xfffU);
+        if (left == values.end() || left->first >> 12 != index >> 12)
             std::erase_if(leaves, [&](uint32_t leaf) { return leaf >> 6 == index >> 12; });
-        if (index + 1 == next) {
-            // Down from this block: what is stored above the mark's block cannot be.
-            auto above = values.lower_bound((index | 0xfff) + 1);
-            next = above == values.begin() ? 0 : std::prev(above)->first + 1;
-        }
+        if (index + 1 == next)
+            next = values.empty() ? 0 : values.rbegin()->first + 1;
     }
+    size_t memory() const
+    {
+        std::set<uint32_t> blocks;
+        for (uint32_t leaf : leaves)
+            blocks.insert(leaf >> 6);
+        return 1 + blocks.size() + leaves.size();
+    }
+    const std::map<uint32_t, uintptr_t> &all() const { return values; }
+    void set_max(uint32_t limit) { max = limit == 0 || limit > 0x10000 ? max : limit; }
+    void set_packed(bool on) { packed = on; }
 };
 
 struct model32 {
@@ -111,79 +103,82 @@ struct model32 {
     uint32_t next = 0, max = UINT32_MAX;
     bool packed = false;
 
-    model16 *add(uint16_t high)
+    /* The sub-table, which is made if it is missing and may be. */
+    model16 *sub_of(uint32_t high)
     {
-        if (high > max >> 16)
+        auto [sub, made] = subs.try_emplace(uint16_t(high));
+        if (made && high > max >> 16) {
+            subs.erase(sub);
             return nullptr;
-        model16 &sub = subs[high];
-        top.insert(high, 1);
-        sub.packed = packed;
-        sub.max = high == max >> 16 ? (max & 0xffff) + 1 : 0x10000;
-        return &sub;
+        }
+        if (made) {
+            top.insert(1, high);
+            sub->second.packed = packed;
+            sub->second.max = high == max >> 16 ? (max & 0xffff) + 1 : 0x10000;
+        }
+        return &sub->second;
     }
-    model16 *find(uint16_t high) { return subs.count(high) != 0 ? &subs[high] : nullptr; }
-    model16 *find_or_add(uint16_t high) { return find(high) != nullptr ? find(high) : add(high); }
-    void mark(uint32_t index) { next = index > next ? index + 1 : next; }
-    int insert(uint32_t index, uintptr_t value)
+    int moved(int result, uint32_t index)
     {
-        if (index > max)
-            return 1;
-        int result = find_or_add(uint16_t(index >> 16))->insert(index & 0xffff, value);
-        if (result == 0)
-            mark(index);
+        if (result == ITABLE_DONE && index > next)
+            next = index + 1;
         return result;
+    }
+    int insert(uintptr_t value, uint32_t index)
+    {
+        return index > max ? ITABLE_BEYOND : moved(sub_of(index >> 16)->insert(value, index & 0xffff), index);
     }
     int alloc(uintptr_t value, uint32_t *index)
     {
         uint16_t start = packed ? 0 : uint16_t(next >> 16), high = start;
         uint32_t low = 0;
+        bool made;
         do {
-            model16 *sub = find(high);
-            bool made = sub == nullptr;
-            sub = made ? add(high) : sub;
-            if (sub == nullptr)
-                return 12;
-            if (sub->alloc(value, &low) == 0) {
-                *index = uint32_t(high) << 16 | low;
-                mark(*index);
-                return 0;
-            }
-            if (made)
-                return 12;
-        } while (++high != start);
-        return 12;
+            made = subs.count(high) == 0;
+            model16 *sub = sub_of(high);
+            if (sub != nullptr && sub->alloc(value, &low) == ITABLE_DONE)
+                return moved(ITABLE_DONE, *index = uint32_t(high) << 16 | low);
+        } while (!made && ++high != start);
+        return ITABLE_NO_ROOM;
     }
     uintptr_t replace(uint32_t index, uintptr_t value)
     {
-        model16 *sub = find_or_add(uint16_t(index >> 16));
+        model16 *sub = sub_of(index >> 16);
         return sub != nullptr ? sub->replace(index & 0xffff, value) : 0;
     }
     void remove(uint32_t index)
     {
-        uint16_t high = uint16_t(index >> 16);
-        model16 *sub = find(high);
-        if (sub == nullptr)
+        auto sub = subs.find(uint16_t(index >> 16));
+        if (sub == subs.end())
             return;
-        sub->remove(index & 0xffff);
-        if (sub->next == 0) {
-            subs.erase(high);
-            top.remove(high);
+        sub->second.remove(index & 0xffff);
+        if (sub->second.next == 0) {
+            top.remove(sub->first);
+            subs.erase(sub);
         }
-        if (index + 1 != next)
-            return;
-        uint32_t end = top.next & 0xffff;
-        next = end == 0 ? 0 : (end - 1) << 16 | (subs[uint16_t(end - 1)].next & 0xffff);
+        if (index + 1 == next)
+            next = uint16_t(top.next) == 0 ? 0 : (top.next - 1) << 16 | uint16_t(subs.rbegin()->second.next);
     }
-    uintptr_t lookup(uint32_t index)
+    size_t memory() const
     {
-        model16 *sub = find(uint16_t(index >> 16));
-        return sub != nullptr ? sub->lookup(index & 0xffff) : 0;
+        size_t held = 1 + top.memory();
+        for (auto &[high, sub] : subs)
+            held += sub.memory();
+        return held;
+    }
+    std::map<uint32_t, uintptr_t> all() const
+    {
+        std::map<uint32_t, uintptr_t> values;
+        for (auto &[high, sub] : subs)
+            for (auto &[low, value] : sub.values)
+                values[uint32_t(high) << 16 | low] = value;
+        return values;
     }
     void set_max(uint32_t limit)
     {
-        if (model16 *sub = find(uint16_t(max >> 16)))
-            sub->max = (limit & 0xffff) + 1;
-        max = limit;
+        if (auto sub = subs.find(uint16_t(max >> 16)); limit != 0 && sub != subs.end())
+            sub->second.max = (limit & 0xffff) + 1;
+        max = limit != 0 ? limit : max;
     }
     void set_packed(bool on)
     {
@@ -193,138 +188,163 @@ struct model32 {
     }
 };
 
-}   // namespace
-
-TEST(itable16, agrees_with_its_model)
-{
-    std::mt19937 random(3);
-    for (uint32_t round = 0; round < 8; round++) {
-        heap memory;
-        struct itable16 *table = itable16_create_ext(heap::take, heap::give, memory.word());
-        model16 model;
-        model.packed = round % 2 != 0;
-        itable16_set_packed(table, model.packed);
-        uint32_t spread = round < 4 ? 300 : 0x10000;
-        if (round >= 6)
-            itable16_set_maxindex(table, model.max = 250);
-        for (int i = 0; i < 4000; i++) {
-            uint16_t index = uint16_t(random() % spread), got = 0;
-            uint32_t expected = 0;
-            uintptr_t value = random() % 4;
-            switch (random() % 5) {
-            case 0:
-                ASSERT_EQ(itable16_insert(table, value, &index), model.insert(index, value));
-                break;
-            case 1:
-                ASSERT_EQ(itable16_alloc(table, value + 1, &got), model.alloc(value + 1, &expected));
-                ASSERT_EQ(got, expected);
-                break;
-            case 2:
-                ASSERT_EQ(itable16_replace(table, &index, value), model.replace(index, value));
-                break;
-            default:
-                itable16_remove(table, &index);
-                model.remove(index);
-                break;
-            }
-            ASSERT_EQ(table->it_next, model.next);
-            ASSERT_EQ(itable16_lookup(table, &index), model.lookup(index));
-            auto behind = model.values.upper_bound(index);
-            bool at_end = behind == model.values.end() || index + 1U >= model.next;
-            ASSERT_EQ(itable16_getnext(table, &index, &index), at_end ? 0 : behind->second);
-            if (!at_end) {
-                ASSERT_EQ(index, behind->first);
-            }
-        }
-        ASSERT_EQ(itable16_destroy(table), model.values.size());
-        ASSERT_EQ(memory.out, 0);
+#define FORM(bits)                                                                                                    \
+    struct form##bits {                                                                                               \
+        using index = uint##bits##_t;                                                                                 \
+        using model = model##bits;                                                                                    \
+        static constexpr auto create = itable##bits##_create_ext;                                                     \
+        static constexpr auto destroy = itable##bits##_destroy;                                                       \
+        static constexpr auto insert = itable##bits##_insert;                                                         \
+        static constexpr auto alloc = itable##bits##_alloc;                                                           \
+        static constexpr auto replace = itable##bits##_replace;                                                       \
+        static constexpr auto remove = itable##bits##_remove;                                                         \
+        static constexpr auto lookup = itable##bits##_lookup;                                                         \
+        static constexpr auto getnext = itable##bits##_getnext;                                                       \
+        static constexpr auto set_max = itable##bits##_set_maxindex;                                                  \
+        static constexpr auto set_packed = itable##bits##_set_packed;                                                 \
     }
+FORM(16);
+FORM(32);
+
+/* What a walk finds. */
+template <typename form> std::map<uint32_t, uintptr_t> walk(auto *table)
+{
+    std::map<uint32_t, uintptr_t> found;
+    typename form::index at = 0;
+    for (uintptr_t value = form::getnext(table, nullptr, &at); value != 0; value = form::getnext(table, &at, &at))
+        found[at] = form::lookup(table, &at) == value ? value : 0;
+    return found;
 }
 
-TEST(itable32, agrees_with_its_model)
+/* Operations on indexes of up to spread above one of the bases. */
+template <typename form> void drive(uint32_t seed, const std::vector<uint32_t> &bases, uint32_t spread)
 {
-    std::mt19937 random(4);
-    for (uint32_t round = 0; round < 6; round++) {
-        heap memory;
-        struct itable32 *table = itable32_create_ext(heap::take, heap::give, memory.word());
-        model32 model;
-        for (int i = 0; i < 3000; i++) {
-            // Few indexes, around the borders of sub-tables.
-            static const uint32_t bases[] = { 0, 0xfff0, 0x1fff0, 0x2fff8, 0xfffffff0 };
-            uint32_t index = bases[random() % 5] + random() % 16, got = 0, expected = 0;
-            uintptr_t value = random() % 4;
-            switch (random() % 8) {
-            case 0:
-            case 1:
-                ASSERT_EQ(itable32_insert(table, value, &index), model.insert(index, value));
-                break;
-            case 2:
-                ASSERT_EQ(itable32_alloc(table, value + 1, &got), model.alloc(value + 1, &expected));
-                ASSERT_EQ(got, expected);
-                break;
-            case 3:
-                ASSERT_EQ(itable32_replace(table, &index, value), model.replace(index, value));
-                break;
-            case 4:
-                model.set_packed(random() % 2 != 0);
-                itable32_set_packed(table, model.packed);
-                break;
-            case 5:
-                if (random() % 8 == 0) {
-                    model.set_max(random() % 3 == 0 ? UINT32_MAX : 0x2fffb);
-                    itable32_set_maxindex(table, model.max);
-                }
-                break;
-            default:
-                itable32_remove(table, &index);
-                model.remove(index);
-                break;
+    std::mt19937 random(seed);
+    heap memory;
+    auto *table = form::create(heap::take, heap::give, reinterpret_cast<uintptr_t>(&memory));
+    typename form::model model;
+    for (int i = 0; i < 2000; i++) {
+        auto index = typename form::index(bases[random() % bases.size()] + random() % spread);
+        typename form::index got = 0;
+        uint32_t expected = 0, limits[] = { 0, index, 0x10000, 0x10001, UINT32_MAX }, limit = limits[random() % 5];
+        uintptr_t value = random() % 4;
+        switch (random() % 8) {
+        case 0:
+        case 1:
+            ASSERT_EQ(form::insert(table, value, &index), model.insert(value, index));
+            break;
+        case 2:
+        case 3:
+            ASSERT_EQ(form::alloc(table, value, &got), model.alloc(value, &expected));
+            ASSERT_EQ(got, expected);
+            break;
+        case 4:
+            ASSERT_EQ(form::replace(table, &index, value), model.replace(index, value));
+            break;
+        case 5:
+            model.set_packed(value % 2 != 0);
+            form::set_packed(table, value % 2 != 0);
+            if (i % 8 == 0) {
+                model.set_max(limit);
+                form::set_max(table, limit);
             }
-            ASSERT_EQ(table->it_next, model.next) << i;
-            ASSERT_EQ(itable32_lookup(table, &index), model.lookup(index));
+            break;
+        default:
+            form::remove(table, &index);
+            model.remove(index);
         }
-        std::map<uint32_t, uintptr_t> all;
-        for (auto &[high, sub] : model.subs) {
-            for (auto &[low, value] : sub.values)
-                all[uint32_t(high) << 16 | low] = value;
-        }
-        uint32_t at = 0;
-        uintptr_t value = itable32_getnext(table, nullptr, &at);
-        for (auto &[index, expected] : all) {
-            ASSERT_EQ(value, expected);
-            ASSERT_EQ(at, index);
-            value = itable32_getnext(table, &at, &at);
-        }
-        ASSERT_EQ(value, 0U);
-        ASSERT_EQ(itable32_destroy(table), all.size());
-        ASSERT_EQ(memory.out, 0);
+        ASSERT_EQ(table->it_next, model.next) << i;
+        ASSERT_EQ(table->it_maxindex, model.max);
+        if (i % 64 != 0)
+            continue;
+        const std::map<uint32_t, uintptr_t> all = model.all();
+        auto above = all.upper_bound(index);
+        ASSERT_EQ(form::getnext(table, &index, nullptr), above != all.end() ? above->second : 0);
+        ASSERT_EQ(walk<form>(table), all);
+        ASSERT_EQ(memory.out, model.memory());
+    }
+    ASSERT_EQ(form::destroy(table), model.all().size());
+    ASSERT_EQ(memory.out, 0U);
+}
+
+/* A round of everything while one allocation, or all from one on, fail. Whether none did. */
+template <typename form> bool survive(int fails, bool from_then_on)
+{
+    heap memory = { .out = 0, .calls = 0, .fails = fails, .from_then_on = from_then_on };
+    auto *table = form::create(heap::take, heap::give, reinterpret_cast<uintptr_t>(&memory));
+    EXPECT_EQ(table == nullptr, memory.out == 0);
+    if (table == nullptr)
+        return false;
+    std::map<uint32_t, uintptr_t> stored;
+    for (uint32_t wide : { 7U, 0x1ffffU, 0x12345U, UINT32_MAX }) {
+        typename form::index index = typename form::index(wide), got = 0;
+        form::replace(table, &index, 3);
+        if (form::insert(table, 1, &index) == ITABLE_DONE)
+            stored[index] = 1;
+        if (form::alloc(table, 2, &got) == ITABLE_DONE)
+            stored[got] = 2;
+        EXPECT_EQ(walk<form>(table), stored);
+        form::remove(table, &got);
+        stored.erase(got);
+    }
+    EXPECT_EQ(form::destroy(table), stored.size());
+    EXPECT_EQ(memory.out, 0U);
+    return memory.calls <= fails;
+}
+
+}   // namespace
+
+TEST(itable, agrees_with_its_model)
+{
+    for (uint32_t seed = 0; seed < 4; seed++) {
+        ASSERT_NO_FATAL_FAILURE(drive<form16>(seed, { 0 }, 300));
+        ASSERT_NO_FATAL_FAILURE(drive<form16>(seed, { 0 }, 0x10000));
+        ASSERT_NO_FATAL_FAILURE(drive<form16>(seed, { 0, 0x1000, 0x3000, 0xf000 }, 4));
+        ASSERT_NO_FATAL_FAILURE(drive<form32>(seed, { 0, 0xfff0, 0x1fff0, 0x2fff8, 0xfffffff0 }, 16));
+        ASSERT_NO_FATAL_FAILURE(drive<form32>(seed, { 0xfffe, 0x1fffe }, 4));
+        ASSERT_NO_FATAL_FAILURE(drive<form32>(seed, { 0x1fffe, 0xfffffffe }, 2));
     }
 }
 
 TEST(itable, hooks_may_fail)
 {
-    const uint32_t indexes[] = { 7, 0x12345, 0xffffffff };
-    for (int left = 0;; left++) {
-        heap memory;
-        memory.left = left;
-        struct itable32 *table = itable32_create_ext(heap::take, heap::give, memory.word());
-        uint32_t stored = 0;
-        for (uint32_t index : indexes) {
-            int result = table != nullptr ? itable32_insert(table, 1, &index) : ITABLE_NO_ROOM;
-            ASSERT_TRUE(result == ITABLE_DONE || result == ITABLE_NO_ROOM);
-            ASSERT_EQ(itable32_lookup(table, &index), result == ITABLE_DONE ? 1U : 0U);
-            stored += result == ITABLE_DONE ? 1 : 0;
-        }
-        EXPECT_EQ(itable32_destroy(table), stored);
-        ASSERT_EQ(memory.out, 0);
-        if (stored == 3)
-            break;
+    for (bool from_then_on : { false, true }) {
+        for (int fails = 0; !survive<form16>(fails, from_then_on); fails++)
+            ASSERT_LT(fails, 100);
+        for (int fails = 0; !survive<form32>(fails, from_then_on); fails++)
+            ASSERT_LT(fails, 100);
     }
-    EXPECT_EQ(itable32_lookup(nullptr, indexes), 0U);
+}
+
+TEST(itable, a_full_table_has_room_again_where_one_is_removed)
+{
     struct itable16 *table = itable16_create();
-    uint16_t index = 5, got;
-    itable16_insert(table, 1, &index);
-    EXPECT_EQ(itable16_alloc(table, 0, &got), ITABLE_DONE);   // told of an index; nothing is stored
-    EXPECT_EQ(got, 6);
-    EXPECT_EQ(itable16_destroy(table), 1U);
+    uint16_t index = 0x5001, got;
+    for (uint32_t i = 0; i < ITABLE16_LIMIT; i++)
+        ASSERT_EQ(itable16_alloc(table, 1, &got) == ITABLE_DONE ? got : UINT32_MAX, i);
+    EXPECT_EQ(itable16_alloc(table, 1, &got), ITABLE_NO_ROOM);
+    itable16_remove(table, &index);
+    EXPECT_EQ(itable16_alloc(table, 1, &got), ITABLE_DONE);
+    EXPECT_EQ(got, index);
+    EXPECT_EQ(itable16_destroy(table), uint32_t(ITABLE16_LIMIT));
+}
+
+/* Once round all sub-tables that there can be, and no further. */
+TEST(itable, alloc_goes_round_and_ends)
+{
+    heap memory;
+    struct itable32 *table = itable32_create_ext(heap::take, heap::give, reinterpret_cast<uintptr_t>(&memory));
+    uint32_t index = 0xffff, got;
+    for (int high = 0; high < 0x10000; high++, index += 0x10000)
+        ASSERT_EQ(itable32_insert(table, 1, &index), ITABLE_DONE);
+    EXPECT_EQ(table->it_next, 0U);   // one above the last index
+    for (uint32_t more : { 0x7fffeU, 0x30000U })   // the walk starts at the first of them and has room at the second
+        ASSERT_EQ(itable32_insert(table, 1, &more), ITABLE_DONE);
+    memory.fails = memory.calls;
+    memory.from_then_on = true;
+    for (uint32_t low = 1; low < ITABLE_ENTRIES; low++)
+        ASSERT_EQ(itable32_alloc(table, 1, &got) == ITABLE_DONE ? got : 0, 0x30000 + low);
+    EXPECT_EQ(itable32_alloc(table, 1, &got), ITABLE_NO_ROOM);
+    itable32_destroy(table);
+    EXPECT_EQ(memory.out, 0U);
 }
