@@ -5,8 +5,8 @@
  * routing instance concerns every connection: all clients go, and come again from a walk of everything.
  *
  * Kept on purpose: a stanza that was removed stops nothing, only a stanza without clients does. And the routing
- * instance is forgotten before the database is opened: where it could not be read, the next reading that finds one
- * begins everything anew.
+ * instance is forgotten before the database is opened: where that fails, or the stanza is gone, attempts for the clients
+ * still there go out through the default instance, and the next reading that finds one begins everything anew.
  */
 #include "usr.sbin/keld/outbound_ssh/obssh_private.h"
 

@@ -75,6 +75,7 @@ static int open_connection(struct addrinfo *to, const struct obssh_srv_config *s
         return -1;
     }
     if (!enter_instance(fd)) return -1;
+    // Kept on purpose: an address of any other family is not connected to, and sshd gets the socket as it is.
     if (to->ai_family == AF_INET && !connect_inet(fd, to, server)) return -1;
     if (to->ai_family == AF_INET6 && !connect_inet6(fd, to, server)) return -1;
     return fd;
@@ -143,31 +144,31 @@ static void become_sshd(int fd, const char *file_name)
 {
     int32_t pid = fork();
     if (pid == 0) run_attempt(app, server, file_name);
-    bool handed_over = false;
-    if (pid > 0) {
-        (void)setpgid(pid, pid);
-        handed_over = write(pipe_end, &pid, sizeof pid) == sizeof pid;
-    }
+    if (pid > 0) (void)setpgid(pid, pid);
+    if (pid < 0) pid = 0;   // which is handed over as well: there is no process
+    bool handed_over = write(pipe_end, &pid, sizeof pid) == sizeof pid;
     _exit(handed_over ? 0 : ATTEMPT_FAILED);
 }
 
-/* Starts a grandchild for the attempt. Its pid, or 0 if there is none. Signals must be held: the children leave the
- * daemon's handlers before any can run. */
-static int32_t start_attempt(const struct obssh_app_config *app, const struct obssh_srv_config *server,
-                             const char *file_name)
+/* Starts a grandchild for the attempt. True with its pid in *pid, which is 0 if the system gave no process; false with 0
+ * if the pid did not come across. Signals must be held: the children leave the daemon's handlers before any can run. */
+static bool start_attempt(const struct obssh_app_config *app, const struct obssh_srv_config *server,
+                          const char *file_name, int32_t *pid)
 {
+    *pid = 0;
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) < 0) return 0;
+    if (pipe2(ends, O_CLOEXEC) < 0) return false;
     pid_t child = fork();
     if (child == 0) run_first_child(ends[1], app, server, file_name);
     (void)close(ends[1]);   // or the end of the pipe would never be seen
-    int32_t pid = 0;
+    bool handed_over = child < 0;   // without a child there is nothing to hand over
     if (child > 0) {
         (void)waitpid(child, nullptr, 0);
-        if (read(ends[0], &pid, sizeof pid) != sizeof pid) pid = 0;
+        handed_over = read(ends[0], pid, sizeof *pid) == sizeof *pid;
+        if (!handed_over) *pid = 0;
     }
     (void)close(ends[0]);
-    return pid;
+    return handed_over;
 }
 
 int outbound_ssh_connect_to_server(struct obssh_app_config *app)
@@ -181,11 +182,15 @@ int outbound_ssh_connect_to_server(struct obssh_app_config *app)
         return 1;
     }
     app->ac_attempts++;
+    bool handed_over = false;
     {
         obssh_hold held;   // until the process can be ended by its pid
-        app->ac_pid = start_attempt(app, server, file_name);
+        handed_over = start_attempt(app, server, file_name, &app->ac_pid);
     }
-    // Kept on purpose: without a process there is no timer either, and the client rests until it is changed.
-    if (app->ac_pid != 0) qtimer_start_oneshot(app->ac_timer, app->ac_timeout, 0);
+    // Kept on purpose: where the pid did not come across the timer is not started, and the client rests until it is
+    // changed. Where there was no process to be had, the next look finds it gone and tries again.
+    if (!handed_over) return 1;
+    if (app->ac_pid == 0) tarne_trace(1, "%s: (%s) no process for an attempt", __func__, app->ac_client_id);
+    qtimer_start_oneshot(app->ac_timer, app->ac_timeout, 0);
     return 1;
 }

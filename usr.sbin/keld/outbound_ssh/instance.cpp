@@ -1,8 +1,8 @@
 /*
  * Routing instances for outbound connections.
  *
- * This platform has none to bind a socket to. A client under a configured instance must not go out through the default
- * one instead, so an attempt there ends.
+ * This platform has none to bind a socket to, so an attempt while an instance is known ends here. Which one is known is
+ * config.cpp's: after a reading that failed it is none.
  */
 #include "usr.sbin/keld/outbound_ssh/obssh_private.h"
 

@@ -25,10 +25,16 @@ void keld_obssh_qtimer_assert(const char *text)
     tarne_trace(0, "%s: Timer Assertion: %s", __func__, text);
 }
 
-/* A process that has ended counts as gone even where nobody takes note of its end, as in a container without an init. */
 bool obssh_is_process_running(int32_t pid)
 {
-    return kill(pid, 0) == 0 && !process_is_zombie(pid);
+    return kill(pid, 0) == 0;
+}
+
+/* A process that has ended is gone also where nobody takes note of its end, as in a container without an init. Its group
+ * may live on, so this is for looking, not for killing. */
+static bool is_gone(int32_t pid)
+{
+    return pid == 0 || !obssh_is_process_running(pid) || process_is_zombie(pid);
 }
 
 bool obssh_is_sshd_procname(int32_t pid)
@@ -68,11 +74,13 @@ void keld_obssh_retry_timer_handler(struct qtimer *timer, uintptr_t user)
 {
     struct obssh_app_config *app = reinterpret_cast<struct obssh_app_config *>(user);
     tarne_trace(1, "%s: (%s) Checking for pid: %d", __func__, app->ac_client_id, app->ac_pid);
-    if (app->ac_pid != 0 && obssh_is_process_running(app->ac_pid)) {
+    if (!is_gone(app->ac_pid)) {
         note_running(app, __func__);
         qtimer_start_oneshot(timer, app->ac_timeout, 0);
         return;
     }
+    // Kept on purpose: this outlives a death, so that on a server that once had a session each failed attempt counts as a
+    // death, too.
     if (app->ac_sshd_seen) {
         tarne_trace(1, "%s: (%s:server %s) Something wrong; sshd(%d) terminated..", __func__, app->ac_client_id,
                     app->ac_server_name, app->ac_pid);

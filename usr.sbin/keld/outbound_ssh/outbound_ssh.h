@@ -97,8 +97,9 @@ struct obssh_app_config *keld_obssh_patnode_to_app_config(struct patricia_node *
 
 /* --- attempts ----------------------------------------------------------------------------------------------------- */
 
-/* Begins an attempt on the next server and starts the timer. 1, always. Without a server, or if no process could be
- * made, nothing is started and the client rests until its configuration changes. */
+/* Begins an attempt on the next server and starts the timer. 1, always. Without a server, or if
+ * the pid of the process did not come across, no timer is started and the client rests until its configuration changes;
+ * a timer of a former attempt that still runs makes one more. */
 int outbound_ssh_connect_to_server(struct obssh_app_config *app);
 /* Chooses the server for the next attempt and puts its values into app. Null without servers. */
 struct obssh_srv_config *obssh_select_server(struct obssh_app_config *app);

@@ -12,7 +12,6 @@
 
 #include "platform/process/process.h"
 
-#include <signal.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -38,6 +37,7 @@ void obssh_note_files(void)
 static void unlink_file(const char *client_id)
 {
     char path[sizeof files_prefix + OBSSH_NAME_SIZE];
+    if (files_prefix[0] == '\0') return;   // the name alone would be some file in the current folder
     (void)stpcpy(stpcpy(path, files_prefix), client_id);
     (void)unlink(path);
 }
@@ -48,7 +48,7 @@ void keld_obssh_end_all(void)
     struct patricia_node *node = nullptr;
     while ((node = patricia_find_next(ob_ssh_patroot, node))) {
         const struct obssh_app_config *app = keld_obssh_patnode_to_app_config(node);
-        if (kill(app->ac_pid, 0) == 0) (void)obssh_kill_group(app);
+        if (obssh_is_process_running(app->ac_pid)) (void)obssh_kill_group(app);
         unlink_file(app->ac_client_id);
     }
 }

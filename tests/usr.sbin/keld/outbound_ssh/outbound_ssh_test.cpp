@@ -14,8 +14,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-static bool no_pipe;
-extern "C" int __real_pipe2(int *, int), __wrap_pipe2(int *, int);
+static bool no_pipe, no_fork;
+extern "C" int __real_pipe2(int *, int), __wrap_pipe2(int *, int), __real_fork(void), __wrap_fork(void);
+int __wrap_fork(void) { return no_fork ? -1 : __real_fork(); }
 int __wrap_pipe2(int *ends, int flags) { return no_pipe ? -1 : __real_pipe2(ends, flags); }
 
 static const char sshd[] = "#!/bin/sh\necho \"SSH-2.0 $*\"\nls /proc/$$/fd\n"
@@ -207,6 +208,10 @@ TEST_F(outbound, looks_after_the_process)
     EXPECT_STREQ(app->ac_server_name, "b");
     EXPECT_EQ(app->ac_sshd_seen, 0);
     EXPECT_EQ(app->ac_deaths, 0u);
+    no_fork = true;
+    look(0);   // and the timer is set: a client is not lost for a shortage
+    no_fork = false;
+    EXPECT_EQ(app->ac_pid, 0);
     app->ac_pid = 1;
     EXPECT_EQ(obssh_kill_group(app), 0);
     no_pipe = true;
