@@ -54,6 +54,16 @@ struct walk {
 bool walk_tlv(walk &w, const struct idl_type *type, size_t begin, size_t end);
 bool walk_idr(walk &w, const struct idl_type *type, size_t begin, size_t end);
 
+/* The field or member of that tag, or null. */
+const struct idl_field *field_by_tag(const struct idl_type *type, uint32_t tag);
+/* The header of the choice at begin, of which at most end - begin octets are there: its tag is printed. False with
+ * walk.fault if it is not whole. */
+struct choice_head {
+    const struct idl_field *member;   // null: unknown
+    size_t body, end;                 // offsets
+};
+bool open_choice(walk &w, const struct idl_type *type, size_t begin, size_t end, choice_head *head);
+
 /* One line of a field: its offset, name and value. */
 void print_field(const walk &w, size_t offset, const std::string &name, const std::string &value);
 std::string integer_text(uint64_t value);

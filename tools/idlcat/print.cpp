@@ -1,10 +1,13 @@
 /*
- * How fields and values look.
+ * What both walks share: how fields and values look, and the header of choices.
  */
 #include "tools/idlcat/idlcat.h"
 
 #include <ctype.h>
 #include <inttypes.h>
+#include <string.h>
+
+#include <algorithm>
 
 namespace {
 
@@ -51,6 +54,29 @@ void print_field(const walk &w, size_t offset, const std::string &name, const st
     if (w.out != nullptr)
         fprintf(w.out, "%06zx  %*s%s%s%s\n", offset, w.depth * INDENT, "", name.c_str(), value.empty() ? "" : " = ",
                 value.c_str());
+}
+
+const struct idl_field *field_by_tag(const struct idl_type *type, uint32_t tag)
+{
+    const struct idl_field *end = type->it_fields + type->it_count;
+    const struct idl_field *field = std::find_if(type->it_fields, end, [=](const auto &f) { return f.if_tag == tag; });
+    return field != end ? field : nullptr;
+}
+
+bool open_choice(walk &w, const struct idl_type *type, size_t begin, size_t end, choice_head *head)
+{
+    uint32_t words[3];   // 0, length of the body, tag; in host order in both dialects
+    if (end - begin < sizeof words)
+        return set_fault(w, begin, "a choice of " + std::to_string(end - begin) + " octets has no whole header");
+    memcpy(words, w.input.data() + begin, sizeof words);
+    size_t body = begin + sizeof words;
+    if (words[1] > end - body)
+        return set_fault(w, begin,
+                         "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
+                             " are left");
+    *head = { field_by_tag(type, words[2]), body, body + words[1] };
+    print_field(w, begin, "tag", integer_text(words[2]) + ' ' + (head->member ? head->member->if_name : "unknown"));
+    return true;
 }
 
 bool set_fault(walk &w, size_t offset, const std::string &text)

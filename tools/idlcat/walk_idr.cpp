@@ -148,26 +148,14 @@ bool walk_record(walk &w, const struct idl_type *type, size_t begin, size_t end,
 
 bool walk_choice(walk &w, const struct idl_type *type, size_t begin, size_t end, size_t *reached)
 {
-    uint32_t words[3];
-    if (end - begin < sizeof words)
-        return set_fault(w, begin, "a choice of " + std::to_string(end - begin) + " octets has no whole header");
-    memcpy(words, w.input.data() + begin, sizeof words);
-    size_t body = begin + sizeof words;
-    if (words[1] > end - body)
-        return set_fault(w, begin,
-                         "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
-                             " are left");
-    const struct idl_field *member = std::find_if(type->it_fields, type->it_fields + type->it_count,
-                                                  [&](const idl_field &f) { return f.if_tag == words[2]; });
-    bool known = member != type->it_fields + type->it_count;
-    print_field(w, begin, "tag", integer_text(words[2]) + (known ? std::string(" ") + member->if_name : " unknown"));
-    *reached = body + words[1];
-    size_t used = body;
-    if (!known)
-        return true;
-    if (!walk_any(w, member->if_type, body, *reached, &used))
+    choice_head head;
+    if (!open_choice(w, type, begin, end, &head))
         return false;
-    return used == *reached || set_fault(w, used, std::to_string(*reached - used) + " octets too many in the choice");
+    *reached = head.end;
+    size_t used = head.end;
+    if (head.member != nullptr && !walk_any(w, head.member->if_type, head.body, head.end, &used))
+        return false;
+    return used == head.end || set_fault(w, used, std::to_string(head.end - used) + " octets too many in the choice");
 }
 
 bool walk_any(walk &w, const struct idl_type *type, size_t begin, size_t end, size_t *reached)

@@ -46,17 +46,6 @@ bool read_element(const record_walk &r, size_t offset, element &e)
     return true;
 }
 
-const struct idl_field *field_of(const struct idl_type *type, uint32_t tag, size_t *index)
-{
-    for (size_t i = 0; i < type->it_count; i++) {
-        if (type->it_fields[i].if_tag == tag) {
-            *index = i;
-            return &type->it_fields[i];
-        }
-    }
-    return nullptr;
-}
-
 std::span<const uint8_t> octets_of(const record_walk &r, const element &e)
 {
     return r.w.input.subspan(e.value, e.end - e.value);
@@ -167,8 +156,8 @@ bool is_list(const struct idl_field &field)
 /* The element at *offset; *offset is then behind it. */
 bool walk_element(record_walk &r, size_t *offset, const element &e)
 {
-    size_t index = 0;
-    const struct idl_field *field = field_of(r.type, e.tag, &index);
+    const struct idl_field *field = field_by_tag(r.type, e.tag);
+    size_t index = field != nullptr ? size_t(field - r.type->it_fields) : 0;
     size_t at = *offset;
     *offset = e.end;
     if (field == nullptr || r.seen[index]) {
@@ -213,27 +202,16 @@ bool walk_record(walk &w, const struct idl_type *type, size_t begin, size_t end)
 
 bool walk_choice(walk &w, const struct idl_type *type, size_t begin, size_t end)
 {
-    uint32_t words[3];   // 0, length of the body, tag; in host order in both dialects
     if (end == begin) {
         print_field(w, begin, "tag", "none");   // reads as no member
         return true;
     }
-    if (end - begin < sizeof words)
-        return set_fault(w, begin, "a choice of " + std::to_string(end - begin) + " octets has no whole header");
-    memcpy(words, w.input.data() + begin, sizeof words);
-    size_t body = begin + sizeof words;
-    if (words[1] > end - body)
-        return set_fault(w, begin,
-                         "a choice of " + std::to_string(words[1]) + " octets, " + std::to_string(end - body) +
-                             " are left");
-    size_t index = 0;
-    const struct idl_field *member = field_of(type, words[2], &index);
-    size_t body_end = body + words[1];
-    print_field(w, begin, "tag",
-                integer_text(words[2]) + (member != nullptr ? std::string(" ") + member->if_name : " unknown"));
-    if (member != nullptr && !walk_tlv(w, member->if_type, body, body_end))
+    choice_head head;
+    if (!open_choice(w, type, begin, end, &head))
         return false;
-    return body_end == end || set_fault(w, body_end, std::to_string(end - body_end) + " octets behind the choice");
+    if (head.member != nullptr && !walk_tlv(w, head.member->if_type, head.body, head.end))
+        return false;
+    return head.end == end || set_fault(w, head.end, std::to_string(end - head.end) + " octets behind the choice");
 }
 
 }   // namespace

@@ -29,43 +29,32 @@ static constexpr char program_variable[] = "KELSERVER_PROGRAM";
 
 /* --- passing a descriptor ----------------------------------------------------------------------------------------- */
 
-union descriptor_message {
-    char octets[CMSG_SPACE(sizeof(int))];
-    struct cmsghdr align;
+/* One octet, without which a stream carries no descriptor, and room for one descriptor. */
+struct carrier {
+    char octet = 0;
+    struct iovec piece = { &octet, 1 };
+    alignas(struct cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    struct msghdr message = { nullptr, 0, &piece, 1, control, sizeof control, 0 };
 };
 
 static bool descriptor_send(int socket, int fd)
 {
-    char nothing = 0;
-    struct iovec piece = { &nothing, 1 };   // a stream carries no descriptor without an octet
-    union descriptor_message control = {};
-    struct msghdr message = {};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    message.msg_control = control.octets;
-    message.msg_controllen = sizeof control.octets;
-    struct cmsghdr *header = CMSG_FIRSTHDR(&message);
+    struct carrier carrier;
+    struct cmsghdr *header = CMSG_FIRSTHDR(&carrier.message);
     header->cmsg_level = SOL_SOCKET;
     header->cmsg_type = SCM_RIGHTS;
     header->cmsg_len = CMSG_LEN(sizeof fd);
     memcpy(CMSG_DATA(header), &fd, sizeof fd);
-    return sendmsg(socket, &message, 0) == 1;
+    return sendmsg(socket, &carrier.message, 0) == 1;
 }
 
 /* The descriptor, or -1. */
 static int descriptor_receive(int socket)
 {
-    char nothing;
     int fd = -1;
-    struct iovec piece = { &nothing, 1 };
-    union descriptor_message control = {};
-    struct msghdr message = {};
-    message.msg_iov = &piece;
-    message.msg_iovlen = 1;
-    message.msg_control = control.octets;
-    message.msg_controllen = sizeof control.octets;
-    if (recvmsg(socket, &message, MSG_CMSG_CLOEXEC) != 1) return -1;
-    const struct cmsghdr *header = CMSG_FIRSTHDR(&message);
+    struct carrier carrier;
+    if (recvmsg(socket, &carrier.message, MSG_CMSG_CLOEXEC) != 1) return -1;
+    const struct cmsghdr *header = CMSG_FIRSTHDR(&carrier.message);
     if (header && header->cmsg_type == SCM_RIGHTS) memcpy(&fd, CMSG_DATA(header), sizeof fd);
     return fd;
 }

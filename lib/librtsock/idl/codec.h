@@ -300,12 +300,33 @@ inline int32_t idl_open_choice(uint32_t *tag, const uint8_t *data, size_t length
     return 1;
 }
 
-/* What a choice makes of its member's result. A choice inside that is unknown counts as read. */
+/* What a choice makes of its member's result. Kept on purpose: -4 counts as read, though no member here gives it. An
+ * unknown choice inside is stepped over on the common road. */
 inline int32_t idl_close_choice(int32_t result, uint32_t body)
 {
     if (result == IDL_CODE_CHOICE || (result >= 0 && uint32_t(result) == body))
         return idl_result(size_t(body) + CHOICE_HEADER);
     return result < 0 ? result : int32_t(IDL_CODE_GARBLED);
+}
+
+/* Decodes a choice in either form into a zeroed record; take(type, record, octets, length) decodes the member. */
+template <typename taker>
+inline int32_t idl_take_choice(const struct idl_type *type, void *record, const uint8_t *data, size_t length,
+                               const idl_memory &memory, taker take)
+{
+    uint32_t tag;
+    uint32_t body;
+    int32_t opened = idl_open_choice(&tag, data, length, &body);
+    idl_store(record, tag);
+    if (opened <= 0)
+        return opened;
+    const struct idl_field *member = idl_field_by_tag(type, tag);
+    if (member == nullptr)
+        return idl_close_choice(int32_t(body), body);
+    void *to = idl_new_member(memory, member, record);
+    if (to == nullptr)
+        return IDL_CODE_ALLOC;
+    return idl_close_choice(take(member->if_type, to, data + CHOICE_HEADER, body), body);
 }
 
 /* True if a decode has put anything into the record that would have to be released. */

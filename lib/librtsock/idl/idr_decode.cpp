@@ -153,30 +153,17 @@ int32_t take_record(const struct idl_type *type, void *record, input &in, const 
     return idl_result(idl_aligned(in.offset, PADDING));
 }
 
-int32_t take_choice(const struct idl_type *type, void *record, const input &in, const idl_memory &memory)
-{
-    uint32_t tag;
-    uint32_t body;
-    int32_t opened = idl_open_choice(&tag, in.data, in.length, &body);
-    idl_store(record, tag);
-    if (opened <= 0)
-        return opened;
-    const struct idl_field *member = idl_field_by_tag(type, tag);
-    if (member == nullptr)
-        return idl_close_choice(int32_t(body), body);
-    void *to = idl_new_member(memory, member, record);
-    if (to == nullptr)
-        return IDL_CODE_ALLOC;
-    return idl_close_choice(idl_idr_take(member->if_type, to, in.data + CHOICE_HEADER, body, memory), body);
-}
-
 }   // namespace
 
 int32_t idl_idr_take(const struct idl_type *type, void *record, const uint8_t *data, size_t length,
                      const idl_memory &memory)
 {
+    if (type->it_choice)
+        return idl_take_choice(type, record, data, length, memory, [&](auto member, void *to, auto octets, size_t count) {
+            return idl_idr_take(member, to, octets, count, memory);
+        });
     input in = { data, length, 0 };
-    return type->it_choice ? take_choice(type, record, in, memory) : take_record(type, record, in, memory);
+    return take_record(type, record, in, memory);
 }
 
 extern "C" int32_t idl_idr_decode(const struct idl_type *type, void *record, const void *data, size_t length,

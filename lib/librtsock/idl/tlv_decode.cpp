@@ -263,31 +263,16 @@ int32_t take_record(const struct idl_type *type, void *record, void *map, const 
     }
 }
 
-int32_t take_choice(const struct idl_type *type, void *record, void *map, const input &in, const idl_memory &memory)
-{
-    uint32_t tag;
-    uint32_t body;
-    int32_t opened = idl_open_choice(&tag, in.data, in.length, &body);
-    idl_store(record, tag);
-    if (opened <= 0)
-        return opened;
-    const struct idl_field *member = idl_field_by_tag(type, tag);
-    if (member == nullptr)
-        return idl_close_choice(int32_t(body), body);
-    void *to = idl_new_member(memory, member, record);
-    if (to == nullptr)
-        return IDL_CODE_ALLOC;
-    return idl_close_choice(idl_tlv_take(member->if_type, to, map, in.data + CHOICE_HEADER, body, memory), body);
-}
-
 }   // namespace
 
 int32_t idl_tlv_take(const struct idl_type *type, void *record, void *map, const uint8_t *data, size_t length,
                      const idl_memory &memory)
 {
-    const input in = { data, length };
     if (type->it_choice)
-        return take_choice(type, record, map, in, memory);
+        return idl_take_choice(type, record, data, length, memory, [&](auto member, void *to, auto octets, size_t count) {
+            return idl_tlv_take(member, to, map, octets, count, memory);
+        });
+    const input in = { data, length };
     return type->it_dialect == IDL_DIALECT_NETWORK ? take_record<network>(type, record, map, in, memory)
                                                    : take_record<host>(type, record, map, in, memory);
 }
