@@ -22,6 +22,7 @@ enum { IDL_MEMBER_IN_PLACE_MAX = 368 };   // octets; larger members of a choice 
         using record = idl_record_##T;                                 \
         using map = struct map_##T;                                    \
         static constexpr bool parts_variable = idl_parts::PARTS;       \
+        static constexpr idl_dialect dialect = IDL_DIALECT_##DIALECT;  \
         static constexpr idl_field fields[] = {
 #define IDL_U8(TAG, NAME) IDL_INTEGER(TAG, NAME, IDL_KIND_INT, 1)
 #define IDL_U16(TAG, NAME) IDL_INTEGER(TAG, NAME, IDL_KIND_INT, 2)
@@ -68,7 +69,7 @@ struct idl_parts {
 #define IDL_NO_FACTS {},
 #define IDL_FACTS(U) \
     { sizeof(struct map_##U), idl_places_##U::places.idr_least, idl_places_##U::places.flat, \
-      idl_table_##U::parts_variable },
+      idl_table_##U::parts_variable, idl_table_##U::dialect != table::dialect },
 #define IDL_BEGIN(T, N, DIALECT, PARTS)     \
     struct idl_places_##T {                 \
         using table = idl_table_##T;        \
@@ -91,13 +92,15 @@ struct idl_parts {
     static_assert(places.tags_unique, "two fields of " #T " have one tag");                                       \
     static_assert(idl_layout::is_variable(table::fields, facts) == table::parts_variable,                        \
                   "FIXED or VARIABLE of " #T " is not true");                                                    \
+    static_assert(!idl_layout::has_alien(facts), "a type nested in " #T " is of another dialect");               \
     }                                                                                                            \
     ;
 #define IDL_CHOICE_BEGIN(T, N, DIALECT, PARTS) IDL_BEGIN(T, N, DIALECT, PARTS)
 #define IDL_MEMBER(TAG, U, NAME)                                                                                \
     { (static_assert_in_place<sizeof(idl_record_##U)>(), sizeof(struct map_##U)), 0, false, \
-      idl_table_##U::parts_variable },
-#define IDL_MEMBER_PTR(TAG, U, NAME) { sizeof(struct map_##U), 0, false, true },
+      idl_table_##U::parts_variable, idl_table_##U::dialect != table::dialect },
+#define IDL_MEMBER_PTR(TAG, U, NAME) \
+    { sizeof(struct map_##U), 0, false, true, idl_table_##U::dialect != table::dialect },
 #define IDL_CHOICE_END(T)                                                                                \
     }                                                                                                    \
     ;                                                                                                    \
@@ -105,6 +108,7 @@ struct idl_parts {
     static_assert(places.tags_unique, "two members of " #T " have one tag");                             \
     static_assert(idl_layout::is_variable(table::fields, facts) == table::parts_variable,                \
                   "FIXED or VARIABLE of " #T " is not true");                                            \
+    static_assert(!idl_layout::has_alien(facts), "a member of " #T " is of another dialect");            \
     }                                                                                                    \
     ;
 namespace {

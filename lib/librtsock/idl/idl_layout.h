@@ -91,6 +91,7 @@ struct nested_facts {
     uint32_t idr_least;
     bool flat;
     bool variable;
+    bool alien;   // of another dialect: it would be carried in that one, or not at all
 };
 
 constexpr uint32_t align_of(const idl_field &field)
@@ -260,6 +261,15 @@ template <size_t size, size_t count> constexpr layout<count, size> choice(const 
 }
 
 /* Checks for static_assert. */
+
+template <size_t count> constexpr bool has_alien(const nested_facts (&nested)[count])
+{
+    for (const nested_facts &facts : nested) {
+        if (facts.alien)
+            return true;
+    }
+    return false;
+}
 
 template <size_t count>
 constexpr bool is_variable(const idl_field (&fields)[count], const nested_facts (&nested)[count])

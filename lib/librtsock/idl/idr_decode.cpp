@@ -158,10 +158,11 @@ int32_t take_record(const struct idl_type *type, void *record, input &in, const 
 int32_t idl_idr_take(const struct idl_type *type, void *record, const uint8_t *data, size_t length,
                      const idl_memory &memory)
 {
+    auto take = [&](auto member, void *to, auto octets, size_t count) {
+        return idl_idr_take(member, to, octets, count, memory);
+    };
     if (type->it_choice)
-        return idl_take_choice(type, record, data, length, memory, [&](auto member, void *to, auto octets, size_t count) {
-            return idl_idr_take(member, to, octets, count, memory);
-        });
+        return idl_take_choice(type, record, data, length, memory, take);
     input in = { data, length, 0 };
     return take_record(type, record, in, memory);
 }

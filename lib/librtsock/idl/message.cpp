@@ -8,7 +8,10 @@
 #include "lib/librtsock/idl/codec.h"
 #include "lib/librtsock/idl/idl.h"
 
+#include <stddef.h>
+
 #include <array>
+#include <type_traits>
 
 namespace {
 
@@ -24,6 +27,20 @@ constexpr message_row rows[] = {
 #include "lib/librtsock/idl/catalogue/messages.def"
 #undef IDL_MESSAGE
 };
+static_assert(std::size(rows) == 45, "message types that have a record");
+
+// Whoever has a message finds its header at its start, with tag 1.
+#define IDL_MESSAGE(TYPE, T)                                          \
+    static_assert(std::is_same_v<decltype(T::rts_hdr), struct rts_hdr>); \
+    static_assert(offsetof(struct T, rts_hdr) == 0);
+#include "lib/librtsock/idl/catalogue/messages.def"
+#undef IDL_MESSAGE
+
+// Laid over storage that clients fill, or told by number to a peer.
+static_assert(sizeof(struct gencfg_peerinfo) == 40 && offsetof(struct gencfg_peerinfo, peer) == 8);
+static_assert(sizeof(struct gencfg_depinfo) == 24 && offsetof(struct gencfg_depinfo, data) == 8);
+static_assert(sizeof(struct rnh_service) == 388 && sizeof(struct rtb_svcs_chan) == 44);
+static_assert(sizeof(struct if_module_eprom) == 588);
 
 enum { TYPES = 110 };
 

@@ -268,10 +268,11 @@ int32_t take_record(const struct idl_type *type, void *record, void *map, const 
 int32_t idl_tlv_take(const struct idl_type *type, void *record, void *map, const uint8_t *data, size_t length,
                      const idl_memory &memory)
 {
+    auto take = [&](auto member, void *to, auto octets, size_t count) {
+        return idl_tlv_take(member, to, map, octets, count, memory);
+    };
     if (type->it_choice)
-        return idl_take_choice(type, record, data, length, memory, [&](auto member, void *to, auto octets, size_t count) {
-            return idl_tlv_take(member, to, map, octets, count, memory);
-        });
+        return idl_take_choice(type, record, data, length, memory, take);
     const input in = { data, length };
     return type->it_dialect == IDL_DIALECT_NETWORK ? take_record<network>(type, record, map, in, memory)
                                                    : take_record<host>(type, record, map, in, memory);
