@@ -58,6 +58,14 @@ char *rtslib_request_name(void *request, uint8_t **cursor, const char *text, uin
     return name;
 }
 
+uint8_t *rtslib_request_octets(void *request, uint8_t **cursor, const void *octets, size_t size)
+{
+    auto *copy = static_cast<uint8_t *>(rtslib_request_room(request, cursor, size));
+    if (copy != nullptr)
+        memcpy(copy, octets, size);
+    return copy;
+}
+
 uint8_t *rtslib_request_prefix(void *request, uint8_t **cursor, const void *prefix, uint16_t bits, uint32_t *length)
 {
     size_t octets = (size_t(bits) + BITS_IN_OCTET - 1) / BITS_IN_OCTET;
@@ -87,4 +95,31 @@ int rtslib_request_ask(struct rtslib_cookie *cookie, void *request, rtslib_reply
     if (result != 0)
         *message = nullptr;
     return result;
+}
+
+bool rtslib_request_is_answered(uint8_t operation, uint32_t answered)
+{
+    return operation < RTSLIB_OPS && (answered >> operation & 1) != 0;
+}
+
+int rtslib_request_check(const struct rtslib_cookie *cookie, uint8_t operation, uint32_t answered, void **message)
+{
+    if (cookie == nullptr || (message == nullptr && rtslib_request_is_answered(operation, answered)))
+        return TARGET_EINVAL;
+    if (message != nullptr)
+        *message = nullptr;
+    return 0;
+}
+
+int rtslib_request_run(struct rtslib_cookie *cookie, void *request, uint32_t answered, rtslib_reply_func read,
+                       void **message, void **mask)
+{
+    uint8_t operation = static_cast<const struct rts_hdr *>(request)->rtsh_op;
+    return rtslib_request_is_answered(operation, answered) ? rtslib_request_ask(cookie, request, read, message, mask)
+                                                           : rtslib_request_send(cookie, request);
+}
+
+size_t rtslib_sockaddr_length(const void *sockaddr)
+{
+    return sockaddr != nullptr ? *static_cast<const uint8_t *>(sockaddr) : 0;
 }

@@ -7,6 +7,8 @@
 
 #include "lib/librtsock/rtslib_io.h"
 
+#include <stddef.h>
+
 extern "C" {
 
 /* What every message of a type carries. */
@@ -25,6 +27,8 @@ void *rtslib_request_new(struct rtslib_cookie *cookie, const struct rtslib_reque
 void *rtslib_request_room(void *request, uint8_t **cursor, size_t size);
 /* Copies text, cut to RTSLIB_NAME_MAX with its terminator; *length counts that. */
 char *rtslib_request_name(void *request, uint8_t **cursor, const char *text, uint32_t *length);
+/* Copies size octets. */
+uint8_t *rtslib_request_octets(void *request, uint8_t **cursor, const void *octets, size_t size);
 /* Copies a prefix of so many bits, padded with zero to whole words. *length: octets stored. */
 uint8_t *rtslib_request_prefix(void *request, uint8_t **cursor, const void *prefix, uint16_t bits, uint32_t *length);
 
@@ -35,5 +39,18 @@ int rtslib_request_send(struct rtslib_cookie *cookie, void *request);
 typedef int (*rtslib_reply_func)(struct rtslib_cookie *cookie, void **message, void **mask);
 int rtslib_request_ask(struct rtslib_cookie *cookie, void *request, rtslib_reply_func read, void **message,
                        void **mask);
+/* Which operations are answered, as bits by operation: gets alone, or changes with a get too. */
+enum {
+    RTSLIB_ANSWERED_GETS = 1 << RTM_OP_GET | 1 << RTM_OP_GETNEXT,
+    RTSLIB_ANSWERED = RTSLIB_ANSWERED_GETS | 1 << RTM_OP_ADD_GET | 1 << RTM_OP_CHG_GET,
+};
+bool rtslib_request_is_answered(uint8_t operation, uint32_t answered);
+/* 22 for a null cookie or, if the operation is answered, a null message, else 0; clears *message if there is one. */
+int rtslib_request_check(const struct rtslib_cookie *cookie, uint8_t operation, uint32_t answered, void **message);
+/* Asks if the operation in the request is answered, else sends. Frees the request. */
+int rtslib_request_run(struct rtslib_cookie *cookie, void *request, uint32_t answered, rtslib_reply_func read,
+                       void **message, void **mask);
+/* Octets of a sockaddr in the target's form, which begins with its length. 0 for null. */
+size_t rtslib_sockaddr_length(const void *sockaddr);
 
 }   // extern "C"

@@ -4,6 +4,10 @@
  * A socket is one end of a SOCK_SEQPACKET pair; its kernel has the other, into which it puts replies and events. What
  * is written does not travel through the pair: it is handed to the kernel in the call, so that the reply stands in the
  * pair when the call returns. Open sockets are a short list by descriptor.
+ *
+ * A kernel that hears of changes from elsewhere has a descriptor of its own for that, its source. The client then gets
+ * an epoll descriptor over the source and its end of the pair; the kernel turns what the source holds into messages
+ * when the client reads.
  */
 #include "platform/rtsock/rtsock.h"
 
@@ -14,6 +18,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 namespace {
@@ -22,7 +27,8 @@ enum { BUFFER_DEFAULT = 0x10000 };   // octets, until a size is set
 
 struct rtsock {
     struct rtsock *next;
-    int fd, peer;                  // the client's end, the kernel's end
+    int fd;                        // what the client knows
+    int end, peer;                 // the client's end of the pair, often fd itself, and the kernel's
     const struct rtsock_kernel *kernel;
     void *state;                   // the kernel's
     int32_t send_size, receive_size;
@@ -52,8 +58,10 @@ struct rtsock *find(int fd)
 void discard(struct rtsock *s)
 {
     int saved = errno;
-    if (s->fd >= 0)
+    if (s->fd >= 0 && s->fd != s->end)
         close(s->fd);
+    if (s->end >= 0)
+        close(s->end);
     if (s->peer >= 0)
         close(s->peer);
     free(s);
@@ -72,13 +80,58 @@ int set_size(struct rtsock *s, int option, const void *value, socklen_t length)
 {
     int32_t *size = size_of(s, option);
     if (size == nullptr || length != sizeof *size)
-        return setsockopt(s->fd, SOL_SOCKET, option, value, length);
+        return setsockopt(s->end, SOL_SOCKET, option, value, length);
     int32_t given;
     memcpy(&given, value, sizeof given);
     // Datagrams to the client are charged to the kernel's end. The host may cap both; that is no error of the caller's.
-    (void)setsockopt(option == SO_SNDBUF ? s->fd : s->peer, SOL_SOCKET, SO_SNDBUF, &given, sizeof given);
+    (void)setsockopt(option == SO_SNDBUF ? s->end : s->peer, SOL_SOCKET, SO_SNDBUF, &given, sizeof given);
     *size = given;
     return 0;
+}
+
+/* The descriptor that the client waits on. 0, or -1. */
+int join_source(struct rtsock *s)
+{
+    int source = s->kernel->rk_source != nullptr ? s->kernel->rk_source(s->state) : -1;
+    if (source < 0) {
+        s->fd = s->end;
+        return 0;
+    }
+    int fd = epoll_create1(EPOLL_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    s->fd = platform_lift_fd(fd);
+    struct epoll_event interest = {};
+    interest.events = EPOLLIN;
+    if (s->fd < 0 || epoll_ctl(s->fd, EPOLL_CTL_ADD, s->end, &interest) < 0)
+        return -1;
+    return epoll_ctl(s->fd, EPOLL_CTL_ADD, source, &interest);
+}
+
+/* The pair of a new socket, and what the kernel keeps for it. 0, or -1. */
+int connect_kernel(struct rtsock *s)
+{
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) < 0)
+        return -1;
+    s->end = platform_lift_fd(pair[0]);
+    s->peer = platform_lift_fd(pair[1]);
+    // The kernel never waits for a client that does not read.
+    if (s->end < 0 || s->peer < 0 || fcntl(s->peer, F_SETFL, O_NONBLOCK) < 0 ||
+        s->kernel->rk_open(s->peer, &s->state) < 0)
+        return -1;
+    if (join_source(s) == 0)
+        return 0;
+    int saved = errno;
+    s->kernel->rk_close(s->state);
+    errno = saved;
+    return -1;
+}
+
+void pump(struct rtsock *s)
+{
+    if (s->kernel->rk_pump != nullptr)
+        s->kernel->rk_pump(s->state);
 }
 
 }   // namespace
@@ -90,25 +143,16 @@ void rtsock_set_kernel(const struct rtsock_kernel *kernel)
 
 int rtsock_open(void)
 {
-    int pair[2];
     const struct rtsock_kernel *kernel = kernel_now();
     if (kernel == nullptr)
         return -1;
     auto *s = static_cast<struct rtsock *>(calloc(1, sizeof(struct rtsock)));
     if (s == nullptr)
         return -1;
-    s->fd = s->peer = -1;
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) < 0) {
-        discard(s);
-        return -1;
-    }
-    s->fd = platform_lift_fd(pair[0]);
-    s->peer = platform_lift_fd(pair[1]);
+    s->fd = s->end = s->peer = -1;
     s->kernel = kernel;
     s->send_size = s->receive_size = BUFFER_DEFAULT;
-    // The kernel never waits for a client that does not read.
-    if (s->fd < 0 || s->peer < 0 || fcntl(s->peer, F_SETFL, O_NONBLOCK) < 0 ||
-        s->kernel->rk_open(s->peer, &s->state) < 0) {
+    if (connect_kernel(s) < 0) {
         discard(s);
         return -1;
     }
@@ -144,12 +188,25 @@ ssize_t rtsock_read(int fd, void *buffer, size_t size)
 
 ssize_t rtsock_recv(int fd, void *buffer, size_t size, int flags)
 {
-    return find(fd) != nullptr ? recv(fd, buffer, size, flags) : -1;
+    struct rtsock *s = find(fd);
+    if (s == nullptr)
+        return -1;
+    pump(s);
+    ssize_t count = recv(s->end, buffer, size, flags);
+    int saved = errno;
+    // What the kernel still holds must make the socket readable again.
+    pump(s);
+    errno = saved;
+    return count;
 }
 
 int rtsock_fcntl(int fd, int command, int value)
 {
-    return find(fd) != nullptr ? fcntl(fd, command, value) : -1;
+    struct rtsock *s = find(fd);
+    if (s == nullptr)
+        return -1;
+    // Flags of the descriptor belong to what the client holds, flags of the file to what is read.
+    return fcntl(command == F_SETFD || command == F_GETFD ? s->fd : s->end, command, value);
 }
 
 int rtsock_getsockopt(int fd, int level, int option, void *value, socklen_t *length)
@@ -161,7 +218,7 @@ int rtsock_getsockopt(int fd, int level, int option, void *value, socklen_t *len
         return s->kernel->rk_getsockopt(s->state, option, value, length);
     const int32_t *size = level == SOL_SOCKET ? size_of(s, option) : nullptr;
     if (size == nullptr || *length < sizeof *size)
-        return getsockopt(fd, level, option, value, length);
+        return getsockopt(s->end, level, option, value, length);
     memcpy(value, size, sizeof *size);
     *length = sizeof *size;
     return 0;

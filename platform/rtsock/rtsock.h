@@ -4,8 +4,9 @@
  *
  * Behind the operations stands a kernel, a table of functions. The one in force belongs to the process; sockets keep
  * the kernel that they were opened with. The descriptor is a real one, so that event loops can wait on it: one end of a
- * SOCK_SEQPACKET pair, the other being the kernel's. A reply is readable when rtsock_write returns. A read gives one
- * datagram, cut to the buffer without an error if it is longer.
+ * SOCK_SEQPACKET pair, the other being the kernel's, or, for a kernel with a source of events of its own, an epoll
+ * descriptor that waits on both. It is for waiting only; octets go through the calls below. A reply is readable when
+ * rtsock_write returns. A read gives one datagram, cut to the buffer without an error if it is longer.
  *
  * errno is the host's in every operation. Not for signal handlers or threads.
  */
@@ -60,6 +61,11 @@ struct rtsock_kernel {
     int (*rk_bind_table)(int socket, uint32_t table);
     /* Pins what an ordinary socket sends to a logical interface. */
     int (*rk_bind_interface)(int socket, uint32_t ifl_index);
+    /* Both may be null. rk_source: a descriptor of the kernel's, asked for once after rk_open, that makes the socket
+     * readable too; -1 if this client has none. rk_pump: called around every read; moves what waits in the kernel into
+     * the pair. */
+    int (*rk_source)(void *state);
+    void (*rk_pump)(void *state);
 };
 
 /* Chooses the kernel of sockets opened from now on. At start there is none (null), and opening fails with ENODEV. */

@@ -95,6 +95,8 @@ inline const rtsock_kernel scripted_kernel = {
         return kernel.bind_errno != 0 ? refuse(kernel.bind_errno) : 0;
     },
     [](int, uint32_t) { return 0; },
+    nullptr,
+    nullptr,
 };
 
 /* "SEVERITY TEXT" as a cookie's sink got it, "PRIORITY TEXT" as the system log did. */

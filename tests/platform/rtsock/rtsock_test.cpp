@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <string>
+#include <sys/eventfd.h>
 
 static bool kernel_refuses;
-static int peer, closed;
+static int peer, closed, source = -1;
 static std::string called;
 
 static const rtsock_kernel echo = {
@@ -27,7 +29,35 @@ static const rtsock_kernel echo = {
     [](const char *name, void *, size_t *, const void *, size_t) { return called = name, 0; },
     [](int fd, uint32_t table) { return called = "table " + std::to_string(table), fd; },
     [](int fd, uint32_t ifl) { return called = "interface " + std::to_string(ifl), fd; },
+    [](void *) { return source; },
+    [](void *) {
+        uint64_t count;
+        if (source >= 0 && read(source, &count, sizeof count) > 0) { EXPECT_EQ(send(peer, "event", 5, 0), 5); }
+    },
 };
+
+TEST(RoutingSocket, WaitsForTheKernelsSourceToo)
+{
+    rtsock_set_kernel(&echo);
+    source = eventfd(0, EFD_NONBLOCK);
+    int fd = rtsock_open();
+    const auto readable = [fd] { pollfd p = { fd, POLLIN, 0 }; return poll(&p, 1, 0) == 1; };
+    EXPECT_EQ(rtsock_fcntl(fd, F_SETFL, O_NONBLOCK), 0);
+    EXPECT_FALSE(readable());
+    char got[8] = {};
+    EXPECT_EQ(eventfd_write(source, 1), 0);
+    EXPECT_TRUE(readable());
+    EXPECT_EQ(rtsock_read(fd, got, sizeof got), 5);
+    EXPECT_STREQ(got, "event");
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(rtsock_write(fd, "reply", 5), 5);
+    EXPECT_TRUE(readable());
+    EXPECT_EQ(rtsock_close(fd), 0);
+    EXPECT_EQ(rtsock_close(fd), -1);
+    close(source);
+    source = -1;
+    closed = 0;
+}
 
 TEST(RoutingSocket, CarriesMessagesAndOptions)
 {

@@ -14,6 +14,7 @@
 #include "usr.sbin/keld/main/tags.h"
 
 #include "platform/process/process.h"
+#include "platform/rtsock/linux/rtsock_linux.h"
 
 #include <algorithm>
 #include <errno.h>
@@ -139,6 +140,7 @@ static void install_handlers(void)
 int main(int argc, char **argv)
 {
     logging_register_logfunc(event_send_vsyslog);
+    rtsock_set_kernel(&rtsock_linux);
     const char *name = argc > 0 ? short_name(argv[0]) : "keld";
     struct options options = {};
     parse_options(argc, argv, name, &options);

@@ -15,6 +15,7 @@
  */
 #include "usr.sbin/keld/outbound_ssh/obssh_private.h"
 
+#include "lib/librtsock/vrf.h"
 #include "platform/log/log.h"
 #include "platform/process/process.h"
 
@@ -58,7 +59,7 @@ static bool connect_inet6(int fd, struct addrinfo *to, const struct obssh_srv_co
 static bool enter_instance(int fd)
 {
     if (ri_name[0] == '\0') return true;
-    if (obssh_bind_to_instance(fd, ri_name) < 0) {
+    if (vrf_setsocketbyvrfname(fd, ri_name, nullptr) < 0) {
         tarne_trace(1, "%s: Setting routing instance = %s failed", unit, ri_name);
         return false;
     }

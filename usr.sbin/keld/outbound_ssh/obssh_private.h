@@ -43,5 +43,3 @@ size_t obssh_trim_key(char *text, size_t length);
 /* Writes the empty line that ends an identification. */
 void obssh_end_identification(int socket);
 
-/* Has the socket's connections made in the routing instance. 0, or -1 with errno. */
-int obssh_bind_to_instance(int socket, const char *name);
