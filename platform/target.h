@@ -15,6 +15,7 @@ enum target_errno {
     TARGET_EIO = 5,
     TARGET_ENXIO = 6,
     TARGET_ENOMEM = 12,
+    TARGET_EBUSY = 16,
     TARGET_EEXIST = 17,
     TARGET_EINVAL = 22,
     TARGET_ENOSPC = 28,

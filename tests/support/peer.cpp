@@ -34,9 +34,10 @@ peer::~peer()
     if (listen_fd >= 0) close(listen_fd);
 }
 
-void peer_listen(struct peer &peer)
+void peer_listen(struct peer &peer, uint32_t at)
 {
     struct sockaddr_in address = local_address(0);
+    address.sin_addr.s_addr = htonl(at);
     socklen_t size = sizeof address;
     struct sockaddr *generic = reinterpret_cast<struct sockaddr *>(&address);
     peer.listen_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -20,7 +20,8 @@ struct peer {
     std::map<unsigned, uint32_t> seqno;   // next sequence number of each channel
 };
 
-void peer_listen(struct peer &peer);
+/* address: in host order, where it listens. */
+void peer_listen(struct peer &peer, uint32_t address = 0x7f000001);
 bool peer_accept(struct peer &peer);
 bool peer_connect(struct peer &peer, const std::string &port);
 

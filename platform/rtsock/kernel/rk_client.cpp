@@ -243,7 +243,7 @@ ssize_t rk_client_write(void *state, const void *octets, size_t length)
         return ssize_t(length);
     if (client->rc_sync_mode != 0)
         return serve_bulk(client, message, length);
-    if (first_length(message, length) != length)
+    if (length == 0 || first_length(message, length) != length)
         return fail(TARGET_EINVAL);
     int error = serve_one(client, message, length);
     return error != 0 ? fail(error) : ssize_t(length);
