@@ -5,6 +5,9 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+# Shared libraries are made of the static ones.
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
 if(NOT CMAKE_BUILD_TYPE)
     set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
 endif()
@@ -28,5 +31,7 @@ endif()
 
 add_library(keld_product_flags INTERFACE)
 target_link_libraries(keld_product_flags INTERFACE keld_flags)
-target_compile_options(keld_product_flags INTERFACE -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections)
+# Nobody takes the place of a function of a library, so calls inside it stay as good as in a program's own code.
+target_compile_options(keld_product_flags INTERFACE -fno-exceptions -fno-rtti -ffunction-sections -fdata-sections
+    -fno-semantic-interposition)
 target_link_options(keld_product_flags INTERFACE -Wl,--gc-sections)

@@ -1,9 +1,12 @@
-# keld_shared_library(TARGET DEPENDENCIES...): the same objects once more as a shared library of the same name, in which
-# only what the public headers declare is visible. Dependencies are shared libraries made before, or imported ones.
+# keld_shared_library(TARGET DEPENDENCIES...): all of a static library once more as a shared one of the same name, in
+# which only what the public headers declare is visible. Dependencies are shared libraries made before, or imported ones.
 #
 # Each library is one of its own, so that a program has its state - the kernel in force, the log - once, whichever of
 # them it uses. They lie in a folder of their own: who links from the build folder by -L gets the static ones, which
 # need nothing to be found at run time.
+set(empty ${CMAKE_BINARY_DIR}/lib/shared/empty.cpp)   # a library has a source
+file(CONFIGURE OUTPUT ${empty} CONTENT "")
+
 function(keld_shared_library target)
     set(shared ${target}_shared)
     set(symbols ${CMAKE_BINARY_DIR}/lib/shared/${target}.map)
@@ -15,17 +18,15 @@ function(keld_shared_library target)
         COMMENT "What lib${target}.so shows" VERBATIM)
     add_custom_target(${target}_symbols DEPENDS ${symbols})
 
-    # Nobody takes the place of a function of the library, so calls inside it stay as good as in a program's own code.
-    set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON)
-    target_compile_options(${target} PRIVATE -fno-semantic-interposition)
-    add_library(${shared} SHARED $<TARGET_OBJECTS:${target}>)
+    add_library(${shared} SHARED ${empty})
     add_dependencies(${shared} ${target}_symbols)
-    target_link_libraries(${shared} PRIVATE keld_product_flags ${ARGN})
+    target_link_libraries(${shared} PRIVATE
+        -Wl,--whole-archive,$<TARGET_FILE:${target}>,--no-whole-archive keld_product_flags ${ARGN})
     target_link_options(${shared} PRIVATE -Wl,--version-script=${symbols})
     if(NOT KELD_SANITIZE AND NOT KELD_FUZZ)
         target_link_options(${shared} PRIVATE -Wl,-z,defs)
     endif()
-    set_target_properties(${shared} PROPERTIES OUTPUT_NAME ${target} LINKER_LANGUAGE CXX LINK_DEPENDS ${symbols}
+    set_target_properties(${shared} PROPERTIES OUTPUT_NAME ${target} LINK_DEPENDS ${symbols}
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib/shared INSTALL_RPATH "$ORIGIN")
     install(TARGETS ${shared} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libraries)

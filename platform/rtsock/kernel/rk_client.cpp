@@ -6,6 +6,7 @@
  * gathered into few datagrams.
  */
 #include "platform/rtsock/kernel/rk_queue.h"
+#include "platform/rtsock/kernel/rk_filter.h"
 
 #include "lib/librtsock/rtslib_names.h"
 #include "platform/target.h"
@@ -18,7 +19,7 @@
 
 namespace {
 
-enum { ALIGNMENT = 16, FILTER_WORDS = 8 };
+enum { ALIGNMENT = 16, LISTEN_OCTETS = 8 };
 
 /* Blocks of one decode, freed together. */
 struct arena {
@@ -180,7 +181,11 @@ int set_listen(struct rk_client *client, const void *value)
 
 int set_filter(struct rk_client *client, const uint8_t *value)
 {
-    memcpy(client->rc_filter, value + FILTER_WORDS, sizeof client->rc_filter);
+    if (!rk_filter_is_sound(value + LISTEN_OCTETS, sizeof client->rc_filter)) {
+        errno = EINVAL;
+        return -1;
+    }
+    memcpy(client->rc_filter, value + LISTEN_OCTETS, sizeof client->rc_filter);
     client->rc_filtered = 1;
     return set_listen(client, value);
 }

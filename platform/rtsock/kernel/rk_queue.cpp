@@ -6,6 +6,7 @@
  * the client reads. Replies always find room; events are dropped, and counted, past RK_QUEUE_MAX.
  */
 #include "platform/rtsock/kernel/rk_queue.h"
+#include "platform/rtsock/kernel/rk_filter.h"
 
 #include "lib/librtsock/rtslib_names.h"
 #include "platform/target.h"
@@ -225,6 +226,8 @@ void rk_event(struct rk_client *client, uint32_t listen_low, uint32_t listen_hig
               void *record)
 {
     if ((client->rc_listen[0] & listen_low) == 0 && (client->rc_listen[1] & listen_high) == 0)
+        return;
+    if (client->rc_filtered != 0 && rk_filter_holds(client->rc_filter, sizeof client->rc_filter, type, record) == 0)
         return;
     const struct rk_request unasked = { type, op, 0, client->rc_seq++, nullptr, nullptr, 0 };
     fill_header(client, &unasked, type, static_cast<struct rts_hdr *>(record));

@@ -120,15 +120,22 @@ bool is_behind(const struct lx_address *address, const struct key *key)
     return less(place, *address);
 }
 
+/* True if the request names what was answered last. */
+bool goes_on(const struct lx_address_walk *walk, const struct key *key)
+{
+    if (walk->at >= walk->addresses.count)
+        return false;
+    const struct lx_address *at = &lx_items<const struct lx_address>(&walk->addresses)[walk->at];
+    return key->local.bits != 0 && at->ifindex == key->ifindex && at->local.family == key->local.family &&
+           lx_prefix_compare(&at->local, &key->local) == 0;
+}
+
 int get_next(struct rk_client *client, const struct rk_request *request, const struct key *key)
 {
     struct lx_client *owner = lx_owner(client);
     struct lx_address_walk *walk = &owner->address_walk;
-    const auto *at = lx_items<const struct lx_address>(&walk->addresses) + walk->at;
-    bool goes_on = walk->at < walk->addresses.count && key->local.bits != 0 && at->ifindex == key->ifindex &&
-                   at->local.family == key->local.family && lx_prefix_compare(&at->local, &key->local) == 0;
     int error = 0;
-    if (!goes_on) {
+    if (!goes_on(walk, key)) {
         walk->at = 0;
         error = load(&owner->requests, 0, AF_UNSPEC, &walk->addresses);
     }

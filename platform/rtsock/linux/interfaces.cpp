@@ -1,9 +1,9 @@
 /*
  * Devices, logical interfaces and families.
  *
- * They are found by index, by name, or by the number that management protocols know them by, which is the index again. A
- * logical interface is also found by its device and unit. A walk is a snapshot of the links, in the order of what is
- * asked by: index, or device and unit.
+ * They are found by index if a request has one, then by name, or by the number that management protocols know them by,
+ * which is the index again. A logical interface is also found by its device and unit. A walk is a snapshot of the
+ * links, in the order of what is asked by: index, or device and unit.
  *
  * What can be changed is whether a link is up. Changes of anything else are not Linux's.
  */
@@ -60,11 +60,11 @@ int reply_device(struct rk_client *client, const struct rk_request *request, con
 int find_device(struct nl *nl, const struct ifdev_msg *asked, struct lx_link *link)
 {
     char name[IFNAMSIZ];
-    int error;
-    if (asked->name_len != 0)
-        error = name_of(asked->name, asked->name_len, name) ? lx_link_get(nl, 0, name, link) : int(TARGET_ENOENT);
-    else
+    int error = TARGET_ENOENT;
+    if (asked->idx != 0 || asked->name_len == 0)
         error = lx_link_get(nl, asked->idx != 0 ? asked->idx : asked->snmpid, nullptr, link);
+    else if (name_of(asked->name, asked->name_len, name))
+        error = lx_link_get(nl, 0, name, link);
     return error == 0 && !lx_link_is_device(link) ? int(TARGET_ENOENT) : error;
 }
 
@@ -80,7 +80,7 @@ int next_device(struct rk_client *client, const struct rk_request *request)
     const auto *asked = static_cast<const struct ifdev_msg *>(request->record);
     struct lx_link key = {};
     key.index = asked->idx;
-    bool by_name = name_of(asked->name, asked->name_len, key.device);
+    bool by_name = asked->idx == 0 && name_of(asked->name, asked->name_len, key.device);
     int error = 0;
     const struct lx_link *link;
     do {
@@ -139,13 +139,14 @@ int find_unit_of(struct nl *nl, const char *device, uint32_t unit, struct lx_lin
 int find_unit(struct nl *nl, const struct ifl_msg *asked, struct lx_link *link)
 {
     char name[IFNAMSIZ];
+    struct lx_link device;
+    if (asked->ifl_idx != 0)
+        return lx_link_get(nl, asked->ifl_idx, nullptr, link);
     if (asked->name_len != 0)
         return name_of(asked->name, asked->name_len, name) ? find_unit_of(nl, name, asked->unit, link)
                                                            : int(TARGET_ENOENT);
-    uint32_t index = asked->ifl_idx != 0 ? asked->ifl_idx : asked->snmpid;
-    if (index != 0)
-        return lx_link_get(nl, index, nullptr, link);
-    struct lx_link device;
+    if (asked->snmpid != 0)
+        return lx_link_get(nl, asked->snmpid, nullptr, link);
     int error = lx_link_get(nl, asked->ifd_idx, nullptr, &device);
     return error == 0 ? find_unit_of(nl, device.name, asked->unit, link) : error;
 }
@@ -164,7 +165,7 @@ int next_unit(struct rk_client *client, const struct rk_request *request)
     struct lx_link key = {}, device;
     key.index = asked->ifl_idx != 0 ? asked->ifl_idx : asked->snmpid;
     key.unit = asked->unit;
-    bool by_name = name_of(asked->name, asked->name_len, key.device);
+    bool by_name = asked->ifl_idx == 0 && name_of(asked->name, asked->name_len, key.device);
     int error = 0;
     if (!by_name && key.index == 0 && asked->ifd_idx != 0) {
         error = lx_link_get(&owner->requests, asked->ifd_idx, nullptr, &device);
@@ -209,7 +210,7 @@ int reply_family(struct rk_client *client, const struct rk_request *request, con
 int find_family_link(struct nl *nl, const struct iff_msg *asked, struct lx_link *link)
 {
     char name[IFNAMSIZ];
-    if (asked->name_len == 0)
+    if (asked->ifl_idx != 0 || asked->name_len == 0)
         return lx_link_get(nl, asked->ifl_idx, nullptr, link);
     return name_of(asked->name, asked->name_len, name) ? find_unit_of(nl, name, asked->subunit, link)
                                                        : int(TARGET_ENOENT);
@@ -234,7 +235,7 @@ int next_family(struct rk_client *client, const struct rk_request *request)
     struct lx_link link = {};
     bool begins = asked->name_len == 0 && asked->ifl_idx == 0;
     int error = begins ? 0 : find_family_link(&owner->requests, asked, &link);
-    if (error != 0 && asked->name_len != 0)
+    if (error != 0 && asked->ifl_idx == 0)
         return error;
     if (error != 0)   // an interface that is gone still has a place in the order
         link.index = asked->ifl_idx;
@@ -274,8 +275,9 @@ const struct lx_link *lx_link_walk_next(struct lx_client *owner, enum lx_link_or
 {
     struct lx_link_walk *walk = &owner->link_walk;
     auto less = order == LX_BY_NAME ? less_by_name : less_by_index;
-    const auto *at = lx_items<struct lx_link>(&walk->links) + walk->at;
-    bool goes_on = walk->at < walk->links.count && walk->order == order && !less(*at, *key) && !less(*key, *at);
+    const auto *links = lx_items<const struct lx_link>(&walk->links);
+    bool goes_on = walk->at < walk->links.count && walk->order == order && !less(links[walk->at], *key) &&
+                   !less(*key, links[walk->at]);
     *error = 0;
     if (goes_on) {
         walk->at++;

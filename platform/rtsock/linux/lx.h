@@ -96,7 +96,8 @@ struct lx_nexthop {
 struct lx_member {
     uint32_t id, weight;
 };
-/* Reads a message about one; members go behind what is in the list (struct lx_member). */
+/* Reads a message about one; members go behind what is in the list (struct lx_member). EINVAL too for one whose index
+ * is among those that routes' own next hops get. */
 int lx_nexthop_read(const struct nlmsghdr *message, struct lx_nexthop *nexthop, struct lx_list *members);
 
 /* --- Links and addresses. */
@@ -135,8 +136,8 @@ int lx_address_read(const struct nlmsghdr *message, struct lx_address *address);
 
 /* --- Clients. */
 
-/* What a client walks over: a snapshot, in the order of the walk, which is made when a walk starts and serves as long as
- * each request names what was answered last. */
+/* What a client walks over: a snapshot, in the order of the walk, which is made when a walk starts and serves as long
+ * as each request names what was answered last. */
 struct lx_route_walk {
     struct lx_list routes, hops;   // no snapshot if routes is empty
     uint32_t table;

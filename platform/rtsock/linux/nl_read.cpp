@@ -4,8 +4,8 @@
  *
  *   - a datagram is messages, each at a multiple of 4 octets, its length in its header;
  *   - a message is a fixed part by its type, and attributes behind it;
- *   - an attribute is a length that counts its own 4 octets, a number with two flag bits above it, and octets; some hold
- *     attributes again.
+ *   - an attribute is a length that counts its own 4 octets, a number with two flag bits above it, and octets; some
+ *     hold attributes again.
  */
 #include "platform/rtsock/linux/nl.h"
 

@@ -2,8 +2,8 @@
  * Prefixes and socket addresses: the forms in messages, and one plain form inside.
  *
  * Messages carry a prefix as (bits + 7) / 8 octets that are padded to whole words, and addresses of neighbours as a
- * sockaddr that begins with its own length and its family. Inside, what lies behind the bits is always zero, so that two
- * prefixes are the same exactly if they compare so.
+ * sockaddr that begins with its own length and its family. Inside, what lies behind the bits is always zero, so that
+ * two prefixes are the same exactly if they compare so.
  */
 #include "platform/rtsock/linux/lx.h"
 

@@ -109,6 +109,8 @@ int lx_route_read(const struct nlmsghdr *message, struct lx_route *route, struct
     route->table = nl_u32(attrs[RTA_TABLE], head.rtm_table);
     route->priority = nl_u32(attrs[RTA_PRIORITY], 0);
     route->nh_id = nl_u32(attrs[RTA_NH_ID], 0);
+    if (route->nh_id >= LX_NAMED_HOP)   // cannot be told; the hops are in the message too
+        route->nh_id = 0;
     return read_hops(attrs, head.rtm_family, route, hops);
 }
 
@@ -123,6 +125,8 @@ int lx_nexthop_read(const struct nlmsghdr *message, struct lx_nexthop *nexthop, 
     nl_attrs(message, sizeof head, attrs, std::size(attrs));
     *nexthop = {};
     nexthop->id = nl_u32(attrs[NHA_ID], 0);
+    if (nexthop->id == 0 || nexthop->id >= LX_NAMED_HOP)
+        return TARGET_EINVAL;
     nexthop->family = head.nh_family;
     nexthop->blackhole = attrs[NHA_BLACKHOLE].octets != nullptr;
     nexthop->hop = { nl_u32(attrs[NHA_OIF], 0), 1, 0, {} };

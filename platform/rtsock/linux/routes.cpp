@@ -6,8 +6,9 @@
  * that table. Otherwise, and for a prefix that is not the best for its own address, the table is read through.
  *
  * A walk reads the table once: requests that name what was answered last go on in the snapshot, any other one makes a
- * new one. A request for what follows 0/0 begins a walk, with the default route if there is one, unless the answer
- * before was just that. Of several routes for a prefix the one that Linux prefers is told.
+ * new one. The default route is not behind 0/0, so it is found by a get alone; a get with a type and no prefix is for
+ * the first route of that type, and may begin a walk. Of several routes for a prefix the one that Linux prefers is
+ * told.
  */
 #include "platform/rtsock/linux/lx.h"
 
@@ -97,7 +98,8 @@ int look_up(struct nl *nl, struct search *search, uint16_t attr, uint32_t value)
     struct rtmsg head = {};
     head.rtm_family = prefix->family;
     head.rtm_dst_len = uint8_t(lx_address_bits(prefix->family));
-    head.rtm_flags = RTM_F_FIB_MATCH | RTM_F_LOOKUP_TABLE;
+    // IPv4 names the table only if told to; IPv6 does so anyway, and refuses to be told.
+    head.rtm_flags = prefix->family == AF_INET ? RTM_F_FIB_MATCH | RTM_F_LOOKUP_TABLE : RTM_F_FIB_MATCH;
     struct nl_request request;
     nl_begin(&request, RTM_GETROUTE, 0, &head, sizeof head);
     nl_put(&request, RTA_DST, prefix->octets, lx_address_bits(prefix->family) / 8);
@@ -196,8 +198,8 @@ bool before(const struct lx_route &a, const struct lx_route &b)
     return order != 0 ? order < 0 : a.priority < b.priority;
 }
 
-/* A new snapshot. at: the first route behind the prefix, or of all if that is 0/0. */
-int start_walk(struct lx_client *owner, const struct rt_msg *asked, const struct lx_prefix *prefix)
+/* A new snapshot. It begins behind the prefix, or with the first route of all. */
+int start_walk(struct lx_client *owner, const struct rt_msg *asked, const struct lx_prefix *prefix, bool from_first)
 {
     struct lx_route_walk *walk = &owner->route_walk;
     lx_route_walk_end(owner);
@@ -210,11 +212,11 @@ int start_walk(struct lx_client *owner, const struct rt_msg *asked, const struct
         return error;
     auto *first = lx_items<struct lx_route>(&walk->routes), *last = first + walk->routes.count;
     std::sort(first, last, before);
-    const auto *next = prefix->bits == 0 ? first : std::upper_bound(first, last, *prefix,
-        [](const struct lx_prefix &p, const struct lx_route &route) {
-            return lx_prefix_compare(&p, &route.prefix) < 0;
+    const auto *behind =
+        std::partition_point(first, last, [prefix](const struct lx_route &route) {
+            return lx_prefix_compare(&route.prefix, prefix) <= 0;
         });
-    walk->at = size_t(next - first);
+    walk->at = from_first ? 0 : size_t(behind - first);
     return 0;
 }
 
@@ -240,11 +242,12 @@ int get_next(struct rk_client *client, const struct rk_request *request, const s
     const auto *asked = static_cast<const struct rt_msg *>(request->record);
     struct lx_client *owner = lx_owner(client);
     struct lx_route_walk *walk = &owner->route_walk;
+    bool from_first = request->op == RTM_OP_GET;
     int error = 0;
-    if (goes_on(walk, asked, prefix))
+    if (!from_first && goes_on(walk, asked, prefix))
         step(walk);
     else
-        error = start_walk(owner, asked, prefix);
+        error = start_walk(owner, asked, prefix, from_first);
     if (error == 0 && walk->at >= walk->routes.count)
         error = TARGET_ENOENT;
     if (error == 0)
@@ -292,9 +295,10 @@ int lx_serve_route(struct rk_client *client, const struct rk_request *request)
     int error = lx_prefix_from(asked->af, asked->prefix, asked->prefix_len, asked->prefix_bits, &prefix);
     if (error != 0)
         return error;
-    if (request->op == RTM_OP_GET)
+    bool first_of_type = request->op == RTM_OP_GET && asked->rt_type != 0 && prefix.bits == 0;
+    if (request->op == RTM_OP_GET && !first_of_type)
         return get(client, request, &prefix);
-    if (request->op == RTM_OP_GETNEXT)
+    if (request->op == RTM_OP_GETNEXT || first_of_type)
         return get_next(client, request, &prefix);
     error = lx_route_change(lx_owner(client), request, &prefix);
     // An add that is to be answered: there are no indexes of routes, so the answer is the route as it stands now.

@@ -34,7 +34,7 @@ bool known(const struct lx_list *tables, const struct lx_table *table)
     return false;
 }
 
-/* "default" is the main table's name here; what Linux calls so is a table that it looks into last, and 0 is no table. */
+/* "default" is the main table's name here; what Linux calls so is a table that it looks into last. 0 is no table. */
 bool tellable(const struct lx_table *table)
 {
     return table->number != NAMELESS && table->number != TABLE_DEFAULT && table->number <= LX_TABLE_MAX;

@@ -1,10 +1,10 @@
 /*
- * Routing instances: VRF devices, and tables that the host has a name for. The index of an instance is the number of its
- * Linux table; the main table has the index 0 as well, and is called "main" or "default".
+ * Routing instances: VRF devices, and tables that the host has a name for. The index of an instance is the number of
+ * its Linux table; the main table has the index 0 as well, and is called "main" or "default".
  *
- * Nothing is kept: each question reads the links and the files anew, so that an instance that comes or goes shows at the
- * next one. A device goes before a file that has another name for its table. A number above LX_TABLE_MAX cannot be told
- * in the 16 bits of an index, so that table is not there.
+ * Nothing is kept: each question reads the links and the files anew, so that an instance that comes or goes shows at
+ * the next one. A device goes before a file that has another name for its table. A number above LX_TABLE_MAX cannot be
+ * told in the 16 bits of an index, so that table is not there.
  */
 #include "platform/rtsock/linux/lx.h"
 

@@ -9,6 +9,10 @@
 #include "lib/librtsock/rtslib_names.h"
 #include "platform/target.h"
 
+#include <string.h>
+
+#include <algorithm>
+
 namespace {
 
 enum {
@@ -44,6 +48,13 @@ template <typename question> struct rm_object *first_that(struct rm_kind *kind, 
     return object;
 }
 
+/* A change that gives nothing but flags sets them, also to 0; elsewhere a 0 means that nothing is given. */
+bool is_zero(const void *record, size_t size)
+{
+    const auto *octets = static_cast<const uint8_t *>(record);
+    return std::all_of(octets, octets + size, [](uint8_t octet) { return octet == 0; });
+}
+
 /* --- devices ---------------------------------------------------------------------------------------------------- */
 
 bool device_key(const void *record, uint8_t *key)
@@ -76,13 +87,14 @@ int device_check(void *draft, struct rm_object *, const struct rm_object *old)
     return same != nullptr && same != old ? TARGET_EEXIST : 0;
 }
 
-/* What brings neither addresses nor options is about the flags, also where it clears them all. */
 int device_change(void *draft, const void *record)
 {
-    const struct ifdev_msg *request = device(record);
-    if (request->addr_len == 0 && request->hw_addr_len == 0 && request->alt_addr_len == 0 &&
-        request->rts_hdr.rtsh_info_len == 0)
-        static_cast<struct ifdev_msg *>(draft)->flags = request->flags;
+    struct ifdev_msg rest = *device(record);
+    memset(&rest.rts_hdr, 0, sizeof rest.rts_hdr);
+    rest.idx = 0;
+    rest.change = rest.flags = 0;
+    if (is_zero(&rest, sizeof rest))
+        static_cast<struct ifdev_msg *>(draft)->flags = device(record)->flags;
     return 0;
 }
 
@@ -164,14 +176,26 @@ int unit_check(void *draft, struct rm_object *, const struct rm_object *old)
     return same != nullptr && same != old ? int(TARGET_EEXIST) : check_parent(record);
 }
 
+bool only_flags(const struct ifl_msg *request)
+{
+    struct ifl_msg rest = *request;
+    memset(&rest.rts_hdr, 0, sizeof rest.rts_hdr);
+    rest.ifl_idx = rest.unit = rest.ifd_idx = rest.snmpid = rest.change = rest.flags = 0;
+    rest.name = nullptr;
+    rest.name_len = 0;
+    return is_zero(&rest, sizeof rest);
+}
+
 /* Bits of the subset map come as items, which do not stay. */
 int unit_change(void *draft, const void *record)
 {
     auto *changed = static_cast<struct ifl_msg *>(draft);
     struct rts_hdr *header = &changed->rts_hdr;
     uint32_t kept = 0;
-    if (unit(record)->rts_hdr.rtsh_info_len == 0)
+    if (unit(record)->rts_hdr.rtsh_info_len == 0) {
+        changed->flags = only_flags(unit(record)) ? unit(record)->flags : changed->flags;
         return 0;
+    }
     for (uint32_t i = 0; i < header->rtsh_info_len; i++) {
         const struct rts_msg_info *item = header->rtsh_info[i];
         if (item->tag != ITEM_SUBSET || (unit(record)->change & CHANGE_SUBSET) == 0) {

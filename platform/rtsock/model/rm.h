@@ -48,7 +48,8 @@ struct rm_kind {
     /* May be null. The object has come into its tree; it goes, removed or replaced by another that is in already. */
     void (*mk_joined)(struct rm_object *object) = nullptr;
     void (*mk_left)(const struct rm_object *object) = nullptr;
-    /* May be null. Removes what cannot be without the object, which is being removed. by: whose request it is, or null. */
+    /* May be null. Removes what cannot be without the object, which is being removed. by: whose request it is, or
+     * null. */
     void (*mk_below)(const struct rm_object *object, struct rk_client *by) = nullptr;
     /* May be null: those that listen for the kind. */
     void (*mk_tell)(struct rk_client *by, uint8_t op, struct rm_object *object) = nullptr;

@@ -1,7 +1,8 @@
 /*
  * Routing tables: one for each index and family. Names are unique in a family.
  *
- * A request names its table by index, or by name with index 65535. Routes stand in a table that exists; they go with it.
+ * A request names its table by index, or by name with index 65535. Routes stand in a table that exists; they go with
+ * it.
  */
 #include "platform/rtsock/model/rm.h"
 
