@@ -85,7 +85,10 @@ int decode_into(struct rtslib_cookie *cookie, const void *octets, size_t length,
     // A type without a codec: nothing to hand over.
     if (error != 0 || decoded.msg == nullptr)
         return error;
-    static_cast<struct rts_hdr *>(decoded.msg)->rtsh_msglen = uint32_t(length);
+    auto *header = static_cast<struct rts_hdr *>(decoded.msg);
+    header->rtsh_msglen = uint32_t(length);
+    // The envelope decided which record this is. Handlers go by the header, which must not tell of another one.
+    header->rtsh_type = uint8_t(decoded.type);
     *message = decoded.msg;
     if (tlv && mask != nullptr)
         *mask = map.msg;

@@ -54,6 +54,8 @@ static const rtsock_kernel random_kernel = {
     [](const char *, void *, size_t *, const void *, size_t) { return errno = ENOENT, -1; },
     [](int, uint32_t) { return 0; },
     [](int, uint32_t) { return 0; },
+    nullptr,
+    nullptr,
 };
 
 static void *take(size_t count, size_t size)

@@ -131,9 +131,11 @@ int serve_one(struct rk_client *client, const uint8_t *octets, size_t length)
 ssize_t serve_bulk(struct rk_client *client, const uint8_t *octets, size_t length)
 {
     struct rk_faults *faults = client->rc_kernel->faults;
-    uint32_t stop_at = UINT32_MAX;
-    if (faults != nullptr && happens(&faults->bulk_stops))
+    uint32_t stop_at = UINT32_MAX, stop_error = 0;
+    if (faults != nullptr && happens(&faults->bulk_stops)) {
         stop_at = faults->bulk_stop_at;
+        stop_error = faults->bulk_stop_error;
+    }
     size_t taken = 0;
     client->rc_bulk = {};
     rk_batch_begin(client);
@@ -141,7 +143,7 @@ ssize_t serve_bulk(struct rk_client *client, const uint8_t *octets, size_t lengt
         size_t message = first_length(octets + taken, length - taken);
         int error = message == 0 ? int(TARGET_EINVAL) : 0;
         if (client->rc_bulk.count == stop_at)
-            error = int(faults->bulk_stop_error);
+            error = int(stop_error);
         if (error == 0)
             error = serve_one(client, octets + taken, message);
         client->rc_bulk.error = uint32_t(error);

@@ -128,6 +128,8 @@ bool same_name(const char *name, const uint8_t *text, size_t length)
 /* A field of that name, of the record itself or of its header. */
 struct value find(const struct idl_type *type, const void *record, const uint8_t *text, size_t length)
 {
+    if (record == nullptr)
+        return {};
     for (const struct alias &alias : aliases) {
         if (same_name(alias.name, text, length))
             return find(type, record, reinterpret_cast<const uint8_t *>(alias.field), strlen(alias.field));
