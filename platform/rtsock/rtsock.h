@@ -75,7 +75,8 @@ void rtsock_set_kernel(const struct rtsock_kernel *kernel);
 [[nodiscard]] int rtsock_open(void);
 /* 0, or -1 with EBADF for what is no open routing socket. */
 int rtsock_close(int fd);
-/* The calls of the same names without the prefix, on a routing socket. */
+/* The calls of the same names without the prefix, on a routing socket. A blocking read waits for replies and not for a
+ * kernel's source: clients that want events make the socket non-blocking and wait on the descriptor. */
 ssize_t rtsock_write(int fd, const void *octets, size_t length);
 ssize_t rtsock_read(int fd, void *buffer, size_t size);
 ssize_t rtsock_recv(int fd, void *buffer, size_t size, int flags);

@@ -47,7 +47,8 @@ bool less(const struct lx_address &a, const struct lx_address &b)
         return a.ifindex < b.ifindex;
     if (a.local.family != b.local.family)
         return a.local.family < b.local.family;
-    return lx_prefix_compare(&a.local, &b.local) < 0;
+    int order = lx_prefix_compare(&a.local, &b.local);
+    return order != 0 ? order < 0 : lx_prefix_compare(&a.destination, &b.destination) < 0;
 }
 
 /* Those of one interface, or of all with index 0; of one family, or of both with 0. In the order of walks. */
@@ -111,12 +112,16 @@ int get(struct rk_client *client, const struct rk_request *request, const struct
     return error;
 }
 
-/* A place in the order of walks: behind the address, or behind all of the interface. */
+/* A place in the order of walks: behind the address, behind all that are alike but for the destination if none is
+ * named, or behind all of the interface. */
 bool is_behind(const struct lx_address *address, const struct key *key)
 {
     if (key->local.bits == 0)
         return address->ifindex > key->ifindex;
-    const struct lx_address place = { key->ifindex, 0, key->local, {}, 0, {} };
+    if (key->destination.bits == 0 && address->ifindex == key->ifindex &&
+        address->local.family == key->local.family && lx_prefix_compare(&address->local, &key->local) == 0)
+        return false;
+    const struct lx_address place = { key->ifindex, 0, key->local, key->destination, 0, {} };
     return less(place, *address);
 }
 
@@ -127,7 +132,8 @@ bool goes_on(const struct lx_address_walk *walk, const struct key *key)
         return false;
     const struct lx_address *at = &lx_items<const struct lx_address>(&walk->addresses)[walk->at];
     return key->local.bits != 0 && at->ifindex == key->ifindex && at->local.family == key->local.family &&
-           lx_prefix_compare(&at->local, &key->local) == 0;
+           lx_prefix_compare(&at->local, &key->local) == 0 &&
+           (key->destination.bits == 0 || lx_prefix_compare(&at->destination, &key->destination) == 0);
 }
 
 int get_next(struct rk_client *client, const struct rk_request *request, const struct key *key)
@@ -155,11 +161,30 @@ void put_prefix(struct nl_request *change, uint16_t attr, const struct lx_prefix
     nl_put(change, attr, prefix->octets, lx_address_bits(prefix->family) / 8);
 }
 
-int change(struct rk_client *client, const struct rk_request *request, const struct key *key)
+/* A deletion may leave out the destination; Linux wants the length of its prefix. */
+int complete(struct nl *nl, struct key *key)
 {
+    struct lx_list addresses = { sizeof(struct lx_address), nullptr, 0, 0 };
+    int error = load(nl, key->ifindex, key->local.family, &addresses);
+    const auto *first = lx_items<const struct lx_address>(&addresses), *last = first + addresses.count;
+    const auto *hit = std::find_if(first, last, [key](const struct lx_address &one) { return fits(&one, key); });
+    if (error == 0 && hit == last)
+        error = TARGET_ENOENT;
+    if (error == 0)
+        key->destination = hit->destination;
+    lx_list_clear(&addresses);
+    return error;
+}
+
+int change(struct rk_client *client, const struct rk_request *request, const struct key *asked)
+{
+    struct key whole = *asked, *key = &whole;
     if (key->local.family == 0 || key->ifindex == 0 || key->local.bits != lx_address_bits(key->local.family))
         return TARGET_EINVAL;
     bool adds = request->op == RTM_OP_ADD;
+    int error = !adds && key->destination.bits == 0 ? complete(&lx_owner(client)->requests, key) : 0;
+    if (error != 0)
+        return error;
     // A network on the link gives the length of its prefix; a destination with all its bits is the other end.
     bool network = key->destination.bits != 0;
     bool peer = network && key->destination.bits == key->local.bits;
@@ -171,7 +196,7 @@ int change(struct rk_client *client, const struct rk_request *request, const str
     nl_begin(&message, adds ? RTM_NEWADDR : RTM_DELADDR, adds ? NLM_F_CREATE | NLM_F_EXCL : 0, &head, sizeof head);
     put_prefix(&message, IFA_LOCAL, &key->local);
     put_prefix(&message, IFA_ADDRESS, peer ? &key->destination : &key->local);
-    int error = nl_ask(&lx_owner(client)->requests, &message, nullptr, nullptr);
+    error = nl_ask(&lx_owner(client)->requests, &message, nullptr, nullptr);
     return error == TARGET_EADDRNOTAVAIL ? int(TARGET_ENOENT) : error;
 }
 

@@ -237,6 +237,9 @@ void lx_events_listen(struct rk_client *client)
             setsockopt(owner->events, SOL_NETLINK, option, &groups[i].group, sizeof groups[i].group) == 0)
             owner->joined ^= 1U << i;
     }
+    // What came before a group was left would keep the socket readable; nobody wants it.
+    while (owner->joined == 0 && recv(owner->events, owner->event_buffer, NL_BUFFER_SIZE, MSG_DONTWAIT) >= 0)
+        continue;
 }
 
 void lx_events_pump(struct rk_client *client)

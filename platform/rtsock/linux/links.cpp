@@ -22,7 +22,9 @@ namespace {
 enum { DEVICE_INDEX_MAX = UINT16_MAX };
 constexpr int KIND_SIZE = 32, VRF_ATTRS = 2;
 static_assert(IFLA_VRF_TABLE < VRF_ATTRS && IFLA_VRF_PORT_TABLE < VRF_ATTRS);
-constexpr char KIND_VRF[] = "vrf", KIND_VETH[] = "veth";
+constexpr char KIND_VRF[] = "vrf";
+/* Kinds that come in pairs. */
+constexpr const char *pair_kinds[] = { "veth", "vxcan", "netkit" };
 
 /* The unit that a name ends in, and where the device's name ends. False if it is a device's as a whole. */
 bool split_name(const char *name, size_t *device_length, uint32_t *unit)
@@ -64,7 +66,9 @@ void read_kind(struct nl_attr info, struct nl_attr lower, bool elsewhere, struct
         link->vrf = link->table != 0;
     }
     // The other end of a pair is named in the same place, but is not below it.
-    if (strcmp(kind, KIND_VETH) != 0 && !elsewhere)
+    bool pair = std::any_of(std::begin(pair_kinds), std::end(pair_kinds),
+                            [&kind](const char *one) { return strcmp(kind, one) == 0; });
+    if (!pair && !elsewhere)
         link->lower = nl_u32(lower, 0);
 }
 

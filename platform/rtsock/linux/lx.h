@@ -75,7 +75,7 @@ struct lx_hop {
 
 struct lx_route {
     struct lx_prefix prefix;
-    uint8_t type, protocol, tos;   // RTN_*, RTPROT_*
+    uint8_t type, protocol;   // RTN_*, RTPROT_*
     uint32_t table, flags;         // RTNH_F_*
     uint32_t priority, nh_id;
     uint32_t first_hop, hops;      // in the list of hops that was read into

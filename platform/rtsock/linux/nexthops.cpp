@@ -20,7 +20,7 @@
 
 namespace {
 
-enum { MEMBERS_MAX = 256 };   // of a group that is told; Linux allows no more weight than that
+enum { MEMBERS_MAX = 256 };   // of a group that are told; the rest is left out
 
 /* Objects read by one question. */
 struct found {
@@ -202,6 +202,8 @@ int add(struct rk_client *client, const struct rk_request *request)
     const auto *asked = static_cast<const struct rnh_msg *>(request->record);
     if (asked->nh != LX_NH_UNICAST || asked->infotype != 0)
         return TARGET_EOPNOTSUPP;
+    if (asked->idx >= LX_NAMED_HOP)
+        return TARGET_EINVAL;
     struct nhmsg head = {};
     struct nl_request change;
     nl_begin(&change, RTM_NEWNEXTHOP, NLM_F_CREATE | NLM_F_EXCL | NLM_F_ECHO, &head, sizeof head);

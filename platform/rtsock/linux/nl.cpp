@@ -1,8 +1,8 @@
 /*
  * Questions to the host's kernel over netlink.
  *
- * A question carries a number, and what comes back under another one is the rest of an earlier question that was given
- * up; it is passed over. Answers go to the asker as they come, so a table of any size needs one buffer. An answer that
+ * A question carries a number, and what comes back under another one is passed over. A question that is given up ends
+ * the socket, and the next one makes a new one. Answers go to the asker as they come, so a table of any size needs one buffer. An answer that
  * the asker refuses is remembered, and the rest of what was asked for still read, so that the socket is clean.
  *
  * The kernel answers in the call that asks, or at the next read; there is nothing to wait for, but a limit stands all
@@ -112,6 +112,9 @@ int converse(struct nl *nl, struct nl_request *request, struct exchange *exchang
     exchange->seq = nl->seq;
     while (error == 0 && !exchange->done)
         error = receive(nl, exchange);
+    // A socket on which a dump was given up takes no other; the next question makes a new one.
+    if (error != 0 && !exchange->done)
+        nl_close(nl);
     return error != 0 ? error : exchange->error;
 }
 
@@ -143,7 +146,10 @@ int nl_open(struct nl *nl)
     }
     nl->fd = fd;
     set_options(fd);
-    return 0;
+    // Until something was received, dumps come in small pieces, and one that does not fit ends the dump.
+    struct nl_request hello;
+    nl_begin(&hello, NLMSG_NOOP, 0, "", 0);
+    return nl_ask(nl, &hello, nullptr, nullptr);
 }
 
 void nl_close(struct nl *nl)

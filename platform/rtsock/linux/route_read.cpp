@@ -93,7 +93,9 @@ int lx_route_read(const struct nlmsghdr *message, struct lx_route *route, struct
         return TARGET_EINVAL;
     memcpy(&head, fixed, sizeof head);
     unsigned bits = lx_address_bits(head.rtm_family);
-    if (bits == 0 || head.rtm_dst_len > bits || (head.rtm_flags & RTM_F_CLONED) != 0)
+    // Routes for a type of service, or for packets of some sources, are not those of their prefix.
+    if (bits == 0 || head.rtm_dst_len > bits || (head.rtm_flags & RTM_F_CLONED) != 0 || head.rtm_tos != 0 ||
+        head.rtm_src_len != 0)
         return TARGET_EINVAL;
     struct nl_attr attrs[RTA_MAX + 1];
     nl_attrs(message, sizeof head, attrs, std::size(attrs));
@@ -104,7 +106,6 @@ int lx_route_read(const struct nlmsghdr *message, struct lx_route *route, struct
     lx_prefix_trim(&route->prefix);
     route->type = head.rtm_type;
     route->protocol = head.rtm_protocol;
-    route->tos = head.rtm_tos;
     route->flags = head.rtm_flags;
     route->table = nl_u32(attrs[RTA_TABLE], head.rtm_table);
     route->priority = nl_u32(attrs[RTA_PRIORITY], 0);
@@ -136,7 +137,8 @@ int lx_nexthop_read(const struct nlmsghdr *message, struct lx_nexthop *nexthop, 
     struct nexthop_grp one;
     for (; group.octets != nullptr && group.length >= sizeof one; nexthop->members++) {
         memcpy(&one, group.octets, sizeof one);
-        const struct lx_member member = { one.id, one.weight + 1U };
+        // Newer hosts have weights of 16 bits, whose high octet is reserved in older ones.
+        const struct lx_member member = { one.id, (one.weight | uint32_t(one.resvd1) << 8) + 1 };
         if (!lx_list_add(members, &member))
             return TARGET_ENOMEM;
         group = { group.octets + sizeof one, group.length - sizeof one };

@@ -28,6 +28,7 @@ struct search {
     struct lx_prefix prefix;
     uint32_t table;
     bool exact;              // the route of that prefix; otherwise the longest that covers it
+    bool drops;              // only a route that drops packets will do
     bool found;
     struct lx_route route;
     struct lx_list hops;
@@ -46,6 +47,8 @@ bool fits(const struct search *search, const struct lx_route *route)
 {
     if (search->exact)
         return lx_prefix_compare(&route->prefix, &search->prefix) == 0;
+    if (search->drops && route->hops != 0)
+        return false;
     return lx_prefix_covers(&route->prefix, &search->prefix) && (route->flags & RTNH_F_DEAD) == 0;
 }
 
@@ -140,6 +143,8 @@ int find_route(struct nl *nl, struct search *search)
         error = look_up_by_vrf(nl, search);
     if (error != 0 || search->found)
         return error;
+    // The host's rules have said no to the main table's clients; what is left is the route that says so.
+    search->drops = is_main && !search->exact;
     const struct nl_sink sink = { take_of_table, forget, search };
     error = ask_for_routes(nl, search->prefix.family, search->table, &sink);
     return error == 0 && !search->found ? int(TARGET_ENOENT) : error;
@@ -165,6 +170,18 @@ int get(struct rk_client *client, const struct rk_request *request, const struct
     int error = find_route(&lx_owner(client)->requests, &search);
     if (error == 0)
         error = reply_route(client, request, &search.route, &search.hops, asked->tid);
+    lx_list_clear(&search.hops);
+    return error;
+}
+
+/* Whoever deletes a route of one type must not take the host's own. 0 or ENOENT. */
+int check_type(struct rk_client *client, const struct rt_msg *asked, const struct lx_prefix *prefix)
+{
+    struct search search;
+    search_begin(&search, prefix, lx_table_of(asked->tid), true);
+    int error = find_route(&lx_owner(client)->requests, &search);
+    if (error == 0 && lx_route_type(&search.route) != asked->rt_type)
+        error = TARGET_ENOENT;
     lx_list_clear(&search.hops);
     return error;
 }
@@ -300,7 +317,10 @@ int lx_serve_route(struct rk_client *client, const struct rk_request *request)
         return get(client, request, &prefix);
     if (request->op == RTM_OP_GETNEXT || first_of_type)
         return get_next(client, request, &prefix);
-    error = lx_route_change(lx_owner(client), request, &prefix);
+    if (request->op == RTM_OP_DELETE && asked->rt_type != 0)
+        error = check_type(client, asked, &prefix);
+    if (error == 0)
+        error = lx_route_change(lx_owner(client), request, &prefix);
     // An add that is to be answered: there are no indexes of routes, so the answer is the route as it stands now.
     return error == 0 && request->op == RTM_OP_ADD_GET ? get(client, request, &prefix) : error;
 }

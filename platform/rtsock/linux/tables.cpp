@@ -16,7 +16,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <iterator>
 
+#include <linux/fib_rules.h>
 #include <linux/rtnetlink.h>
 
 namespace {
@@ -37,7 +39,9 @@ int add_vrfs(struct nl *nl, struct lx_list *tables)
     int error = lx_links_load(nl, &links);
     for (size_t i = 0; i < links.count && error == 0; i++) {
         const struct lx_link *link = &lx_items<struct lx_link>(&links)[i];
-        if (!link->vrf || link->table > LX_TABLE_MAX || link->table == LX_TABLE_MAIN)
+        // A device must not take the main table's name.
+        if (!link->vrf || link->table > LX_TABLE_MAX || link->table == LX_TABLE_MAIN ||
+            strcmp(link->name, MAIN_NAME) == 0)
             continue;
         struct lx_table table = { link->table, {} };
         memcpy(table.name, link->name, sizeof link->name);
@@ -105,9 +109,55 @@ int reply(struct rk_client *client, const struct rk_request *request, const stru
     return rk_reply(client, request, request->type, &record);
 }
 
-/* Marks the socket's packets; `ip rule add fwmark N lookup N` sends those to the table. */
-int mark(int socket, uint32_t table)
+/* A rule that is looked for: packets with the mark of that table go there. */
+struct rule_search {
+    uint32_t table;
+    bool found;
+};
+
+int take_rule(const struct nlmsghdr *message, void *context)
 {
+    auto *search = static_cast<struct rule_search *>(context);
+    struct fib_rule_hdr head;
+    const void *fixed = nl_fixed(message, sizeof head);
+    if (fixed == nullptr || message->nlmsg_type != RTM_NEWRULE)
+        return 0;
+    memcpy(&head, fixed, sizeof head);
+    struct nl_attr attrs[FRA_MAX + 1];
+    nl_attrs(message, sizeof head, attrs, std::size(attrs));
+    uint32_t mask = nl_u32(attrs[FRA_FWMASK], UINT32_MAX), mark = nl_u32(attrs[FRA_FWMARK], 0);
+    if (mark != 0 && mark == (search->table & mask) && nl_u32(attrs[FRA_TABLE], head.table) == search->table)
+        search->found = true;
+    return 0;
+}
+
+void forget_rule(void *context)
+{
+    static_cast<struct rule_search *>(context)->found = false;
+}
+
+/* Marks the socket's packets; `ip rule add fwmark N lookup N` sends those to the table. Without that rule they would
+ * take the main table, which is not what whoever binds a socket wants. 0, -1 with errno. */
+int mark(struct nl *nl, int socket, uint32_t table)
+{
+    int family = AF_INET;
+    socklen_t length = sizeof family;
+    (void)getsockopt(socket, SOL_SOCKET, SO_DOMAIN, &family, &length);
+    struct rule_search search = { table, false };
+    struct fib_rule_hdr head = {};
+    head.family = uint8_t(family);
+    struct nl_request request;
+    nl_begin(&request, RTM_GETRULE, 0, &head, sizeof head);
+    const struct nl_sink sink = { take_rule, forget_rule, &search };
+    int error = nl_dump(nl, &request, &sink);
+    if (error == 0 && !search.found) {
+        errno = ENETUNREACH;
+        return -1;
+    }
+    if (error != 0) {
+        errno = target_errno_to_host(error);
+        return -1;
+    }
     return setsockopt(socket, SOL_SOCKET, SO_MARK, &table, sizeof table);
 }
 
@@ -165,13 +215,14 @@ int lx_bind_table(int socket, uint32_t table)
     struct lx_link vrf;
     bool found;
     int error = lx_vrf_of_table(&nl, table, &vrf, &found);
+    int marked = error == 0 && !found ? mark(&nl, socket, table) : 0;
+    int saved = error != 0 ? target_errno_to_host(error) : errno;
     nl_close(&nl);
-    if (error != 0) {
-        errno = target_errno_to_host(error);
+    errno = saved;
+    if (error != 0)
         return -1;
-    }
     if (!found)
-        return mark(socket, table);
+        return marked;
     return setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, vrf.name, socklen_t(strlen(vrf.name) + 1));
 }
 

@@ -53,6 +53,21 @@ const std::string nop = "22500000 1c000000 00000000 00000000 62000400 00000000 0
 
 }   // namespace
 
+TEST(idlcat, prints_a_line_for_each_message)
+{
+    idlcat_options options;
+    options.brief = true;
+    // A nop in an envelope; raw ones of a type without a record and of one that has one; the beginning of another.
+    outcome brief = run(nop + "00000000 621a0100 18000000 00000000 00000000 00000000 00000000 62550100 18000000 00000000"
+                              "03000000 00000300 00000000 62020100 18000000 00000000 00000000 00000000" + nop.substr(0, 8),
+                        options);
+    EXPECT_EQ(brief.out.substr(0, brief.out.find("000058")),
+              "kernel     kernel     P    nop        get     \n"
+              "keld       keld       P    ifsclinfo  add     IFS EndOfChain client=kernel pending=0/0 limit=0\n");
+    EXPECT_NE(brief.out.find("  message 4: raw, type 2, 24 octets\n"), std::string::npos);
+    EXPECT_EQ(brief.broken, 1U);
+}
+
 TEST(idlcat, prints_fields_with_their_offsets)
 {
     idlcat_options absent = bare("timeval", false);
