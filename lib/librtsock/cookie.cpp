@@ -5,6 +5,8 @@
  * another interface version is refused.
  */
 #include "lib/librtsock/rtslib_cookie.h"
+#include "lib/librtsock/async/async.h"
+#include "lib/librtsock/rtslib_unnum.h"
 #include "platform/rtsock/rtsock.h"
 #include "platform/target.h"
 
@@ -88,6 +90,13 @@ int rtslib_connect(struct rtslib_cookie *cookie)
     return rtslib_version_check(cookie);
 }
 
+/* The asynchronous mode wants room for a storm of events. */
+bool too_small_for_mode(const struct rtslib_cookie *cookie, int32_t send_size, int32_t receive_size)
+{
+    return cookie->async_info != nullptr && (cookie->async_info->async_mode & RTSLIB_ASYNC_ON) != 0 &&
+           (send_size < RTSLIB_BUFFER_SIZE || receive_size < RTSLIB_BUFFER_SIZE);
+}
+
 bool wants_receive_buffer(const struct rtslib_cookie *cookie)
 {
     return (cookie->sync_mode & RTS_SYNC_BULK_ENABLE) != 0 ||
@@ -158,6 +167,11 @@ void rtslib_cookie_destroy(struct rtslib_cookie *cookie)
     cookie->socket = -1;
     rtslib_free(MEMID_RTSLIB_MSG, cookie->version_info);
     rtslib_free(MEMID_RTSLIB_READ_BUFFER, cookie->read_buffer);
+    rtslib_async_pass_end(cookie);
+    if (cookie->async_info != nullptr)
+        (void)rtslib_destroy_async_context(cookie);   // a block whose event context will not end stays behind
+    if (cookie->unnum != nullptr)
+        rtslib_unnum_ifa_cleanup(cookie);
     rtslib_free(MEMID_RTSLIB_MSG, cookie->wbuf);
     rtslib_free(MEMID_RTSLIB_MSG, cookie->rbuf_data);
     rtslib_free(MEMID_RTSLIB_COOKIE, cookie);
@@ -187,6 +201,11 @@ int rtslib_set_buffers(struct rtslib_cookie *cookie, int32_t send_size, int32_t 
     }
     if (receive_size <= 0) {
         rtslib_err(cookie, RTSLIB_ERROR, "Attempted  to set an invalid receive buffer size %d\n", receive_size);
+        return TARGET_EINVAL;
+    }
+    if (too_small_for_mode(cookie, send_size, receive_size)) {
+        rtslib_err(cookie, RTSLIB_ERROR, "Attempted to set an invalid buffer size(send size: %d, recv size: %d)\n",
+                   send_size, receive_size);
         return TARGET_EINVAL;
     }
     if (rtsock_setsockopt(cookie->socket, SOL_SOCKET, SO_SNDBUF, &send_size, sizeof send_size) < 0 ||

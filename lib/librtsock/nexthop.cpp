@@ -65,6 +65,8 @@ int rtslib_nh_get(struct rtslib_cookie *cookie, const struct rtslib_nh_kind *kin
     int result = rtslib_request_check(cookie, get->operation, RTSLIB_ANSWERED, message);
     if (result != 0)
         return result;
+    if (mask != nullptr)
+        *mask = nullptr;
     struct rnh_msg *request = get_request(cookie, kind, get, get->operation, get->index);
     while (request != nullptr) {
         result = rtslib_request_run(cookie, request, RTSLIB_ANSWERED, rtslib_long_msg_read_idl, message, mask);

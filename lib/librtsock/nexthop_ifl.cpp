@@ -15,10 +15,12 @@ enum {
 int rtslib_rnhm_iflnh_add(struct rtslib_cookie *cookie, uint32_t ifidx, uint8_t family, uint16_t aux_half1,
                           uint32_t count, const uint8_t *entries, uint32_t *index, uint32_t aux_word)
 {
-    if (cookie == nullptr || entries == nullptr || index == nullptr)
+    if (cookie == nullptr || index == nullptr)
         return TARGET_EINVAL;
-    if (count != 1 || entries[0] > ENTRY_MAX)
+    if (count != 1 || (entries != nullptr && entries[0] > ENTRY_MAX))
         return TARGET_EOPNOTSUPP;
+    if (entries == nullptr)
+        return TARGET_EINVAL;
     uint8_t *cursor;
     struct rnh_msg *request = rtslib_nh_request(cookie, &rtslib_nh_ifl, RTM_OP_ADD_GET, 0, family, &cursor);
     if (request == nullptr)

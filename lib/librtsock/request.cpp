@@ -104,11 +104,10 @@ bool rtslib_request_is_answered(uint8_t operation, uint32_t answered)
 
 int rtslib_request_check(const struct rtslib_cookie *cookie, uint8_t operation, uint32_t answered, void **message)
 {
-    if (cookie == nullptr || (message == nullptr && rtslib_request_is_answered(operation, answered)))
-        return TARGET_EINVAL;
     if (message != nullptr)
         *message = nullptr;
-    return 0;
+    bool missing = message == nullptr && rtslib_request_is_answered(operation, answered);
+    return cookie == nullptr || missing ? int(TARGET_EINVAL) : 0;
 }
 
 int rtslib_request_run(struct rtslib_cookie *cookie, void *request, uint32_t answered, rtslib_reply_func read,

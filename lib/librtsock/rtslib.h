@@ -12,9 +12,14 @@
  */
 #pragma once
 
+#include "lib/librtsock/ifl.h"
+#include "lib/librtsock/rtslib_async.h"
 #include "lib/librtsock/rtslib_cookie.h"
 #include "lib/librtsock/rtslib_envelope.h"
+#include "lib/librtsock/rtslib_gencfg.h"
+#include "lib/librtsock/rtslib_interface.h"
 #include "lib/librtsock/rtslib_io.h"
+#include "lib/librtsock/rtslib_list.h"
 #include "lib/librtsock/rtslib_mem.h"
 #include "lib/librtsock/rtslib_names.h"
 #include "lib/librtsock/rtslib_nexthop.h"
@@ -22,4 +27,5 @@
 #include "lib/librtsock/rtslib_route.h"
 #include "lib/librtsock/rtslib_stats.h"
 #include "lib/librtsock/rtslib_table.h"
+#include "lib/librtsock/rtslib_unnum.h"
 #include "lib/librtsock/vrf.h"

@@ -12,6 +12,7 @@ extern "C" {
 
 struct rts_hdr;
 struct rtslib_async_info;
+struct rtslib_async_pass;
 struct rtslib_unnum;
 
 typedef void (*rtslib_seq_err_func)(struct rtslib_cookie *cookie, uintptr_t context, uint32_t expected,
@@ -42,7 +43,8 @@ struct rtslib_cookie {
     uint8_t *rbuf_data, *rbuf_pos;       // common receive buffer and its read position
     uint8_t *rbuf_last;                  // its last valid octet
     uint32_t rbuf_sz;
-    void *ext_select;                    // the client's event source in place of the socket
+    void *ext_select;                    // a struct rtslib_ext_select of the client's, in place of the socket
+    struct rtslib_async_pass *async_pass;   // the read loop that runs now, or null; the library's
 };
 
 enum {

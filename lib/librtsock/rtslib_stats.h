@@ -38,7 +38,8 @@ int rtslib_rnhsm_get_by_index(struct rtslib_cookie *cookie, uint32_t word1, uint
 enum { RTSLIB_RTSTATS_WORDS = 13 };
 struct timeval;
 /* Statistics of a route, RTSLIB_RTSTATS_WORDS words in *words. Waits for the answer up to 11 times as long as limit
- * says (null: for ever). 2 if the kernel has none, 22 for a null cookie, prefix or output, 35 if it never answered. */
+ * says (null: for ever). 2 if the kernel has none, 22 for a null cookie, prefix or output, 35 if it never answered, 22
+ * for a limit that is none. */
 int rtslib_rtstats_get(struct rtslib_cookie *cookie, uint8_t family, uint16_t tid, uint8_t aux_byte, uint32_t aux_word,
                        uint16_t prefix_bits, const void *prefix, uint32_t *words, const struct timeval *limit);
 

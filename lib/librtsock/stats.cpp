@@ -33,6 +33,7 @@ enum {
     KEY_NEXTHOP = 2,
     MS_OF_SECOND = 1000,
     US_OF_MS = 1000,
+    US_OF_SECOND = 1000000,
 };
 
 constexpr uint8_t key_types[] = { KEY_NEXTHOP, 3, 4, 20, 24 };
@@ -116,6 +117,9 @@ size_t padded_octets(uint16_t bits)
 int wait_readable(int fd, const struct timeval *limit)
 {
     struct pollfd wanted = { fd, POLLIN, 0 };
+    if (limit != nullptr && (limit->tv_sec < 0 || limit->tv_sec > INT32_MAX || limit->tv_usec < 0 ||
+                             limit->tv_usec >= US_OF_SECOND))
+        return TARGET_EINVAL;
     int64_t ms = limit != nullptr ? int64_t(limit->tv_sec) * MS_OF_SECOND + (limit->tv_usec + US_OF_MS - 1) / US_OF_MS
                                   : -1;
     return poll(&wanted, 1, int(std::min<int64_t>(ms, INT32_MAX))) < 0 ? target_errno_from_host(errno) : 0;
@@ -160,9 +164,10 @@ int read_stats(struct rtslib_cookie *cookie, uint32_t *words, const struct timev
 int rtslib_rnhsm_get(struct rtslib_cookie *cookie, uint8_t family, uint8_t operation, const struct rtslib_nh_key *key,
                      void **message, void **mask)
 {
+    if (message != nullptr)
+        *message = nullptr;
     if (cookie == nullptr || message == nullptr || key == nullptr)
         return TARGET_EINVAL;
-    *message = nullptr;
     if (!known_key(key->key_type))
         return TARGET_EOPNOTSUPP;
     struct rnhs_msg *request = new_request(cookie, family, operation, key);
@@ -179,6 +184,8 @@ int rtslib_rnhsm_get(struct rtslib_cookie *cookie, uint8_t family, uint8_t opera
 int rtslib_rnhsm_get_by_nexthop(struct rtslib_cookie *cookie, uint8_t family, uint8_t operation, const void *nexthop,
                                 void **message, void **mask)
 {
+    if (message != nullptr)
+        *message = nullptr;
     if (nexthop == nullptr)
         return TARGET_EINVAL;
     const auto *hop = static_cast<const struct rnh_msg *>(nexthop);
@@ -197,9 +204,12 @@ int rtslib_rnhsm_get_by_index(struct rtslib_cookie *cookie, uint32_t word1, uint
                               uint8_t aux_byte1, const uint32_t *labels, uint32_t label_count, const void *address,
                               uint8_t family, uint8_t operation, void **message, void **mask)
 {
+    if (message != nullptr)
+        *message = nullptr;
+    if (mask != nullptr)
+        *mask = nullptr;
     if (cookie == nullptr || message == nullptr)
         return TARGET_EINVAL;
-    *message = nullptr;
     if (key_type != KEY_NEXTHOP)
         return TARGET_EOPNOTSUPP;
     struct rtslib_nh_key key = {};

@@ -72,9 +72,9 @@ int add_svcs_chan(struct rtb_msg *message, uint8_t **cursor, uint16_t channel)
 int rtslib_rtbm_get_by_name(struct rtslib_cookie *cookie, uint8_t family, const char *name, void **message,
                             void **mask)
 {
-    if (message == nullptr || cookie == nullptr)
-        return TARGET_EINVAL;
-    *message = nullptr;
+    int result = rtslib_request_check(cookie, RTM_OP_GET, RTSLIB_ANSWERED_GETS, message);
+    if (result != 0)
+        return result;
     uint8_t *cursor;
     struct rtb_msg *request = new_request(cookie, RTM_OP_GET, family, TID_BY_NAME, &cursor);
     if (request == nullptr)
@@ -86,9 +86,9 @@ int rtslib_rtbm_get_by_name(struct rtslib_cookie *cookie, uint8_t family, const 
 int rtslib_rtbm_get_by_index(struct rtslib_cookie *cookie, uint8_t family, uint16_t index, uint8_t operation,
                              void **message, void **mask)
 {
-    if (message == nullptr || cookie == nullptr)
-        return TARGET_EINVAL;
-    *message = nullptr;
+    int result = rtslib_request_check(cookie, RTM_OP_GET, RTSLIB_ANSWERED_GETS, message);
+    if (result != 0)
+        return result;
     uint8_t *cursor;
     struct rtb_msg *request = new_request(cookie, operation, family, index, &cursor);
     if (request == nullptr)
@@ -112,7 +112,8 @@ int rtslib_rtbm_add_lr(struct rtslib_cookie *cookie, const char *name, uint16_t 
     if (name == nullptr)
         request->flags |= FLAG_NO_NAME;
     put_name(request, &cursor, name != nullptr ? name : "default");
-    request->lrname = rtslib_request_name(request, &cursor, lrname, &request->lrname_len);
+    if (lrname != nullptr)
+        request->lrname = rtslib_request_name(request, &cursor, lrname, &request->lrname_len);
     return rtslib_request_send(cookie, request);
 }
 

@@ -4,49 +4,24 @@
  */
 #include "lib/librtsock/vrf.h"
 #include "lib/librtsock/rtslib_table.h"
-#include "platform/rtsock/rtsock.h"
+#include "lib/librtsock/socket_option.h"
 #include "platform/target.h"
 
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/socket.h>
 
 namespace {
 
 enum { SENDER_ID = 3 };
 
-/* What binds a socket of each family, in the target's numbers. */
-struct family_row {
-    int family, level, option;
-};
-constexpr family_row families[] = {
+/* What binds a socket of each family. */
+constexpr struct rtslib_family_option families[] = {
     { TARGET_AF_INET, 0, 109 },
     { TARGET_AF_INET6, 41, 67 },
     { TARGET_AF_ISO, 255, 3 },
 };
-
-const family_row *find_family(int family)
-{
-    for (const family_row &row : families) {
-        if (row.family == family)
-            return &row;
-    }
-    return nullptr;
-}
-
-/* The target's number of the socket's family; -1 with EPROTONOSUPPORT without one. */
-int family_of(int fd)
-{
-    struct sockaddr_storage address = {};
-    socklen_t length = sizeof address;
-    if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&address), &length) < 0 || length == 0) {
-        errno = EPROTONOSUPPORT;
-        return -1;
-    }
-    return target_family_from_host(address.ss_family);
-}
 
 /* "LOGICAL/INSTANCE" or the instance alone; to be freed. */
 char *table_name(const char *instance, const char *logical_system)
@@ -83,7 +58,7 @@ struct rtb_msg *ask(const char *instance, const char *logical_system, int family
 
 int32_t read_field(const char *instance, const char *logical_system, int family, uint16_t rtb_msg::*field)
 {
-    if (find_family(family) == nullptr) {
+    if (rtslib_find_family(families, family) == nullptr) {
         errno = EPROTONOSUPPORT;
         return -1;
     }
@@ -115,7 +90,7 @@ int32_t vrf_gettenantidbyvrfname(const char *instance, const char *logical_syste
 
 int vrf_setsocketbyvrfname(int fd, const char *instance, const char *logical_system)
 {
-    int32_t table = vrf_getindexbyvrfname(instance, logical_system, family_of(fd));
+    int32_t table = vrf_getindexbyvrfname(instance, logical_system, rtslib_socket_family(fd));
     return table != -1 ? _vrf_setsocket(fd, table) : -1;
 }
 
@@ -125,10 +100,5 @@ int _vrf_setsocket(int fd, int32_t table)
         errno = EINVAL;
         return -1;
     }
-    const family_row *row = find_family(family_of(fd));
-    if (row == nullptr) {
-        errno = EPROTONOSUPPORT;
-        return -1;
-    }
-    return rtsock_socket_option(fd, row->level, row->option, uint32_t(table)) < 0 ? -1 : 0;
+    return rtslib_set_family_option(fd, families, uint32_t(table));
 }

@@ -35,7 +35,7 @@ static struct {
     int es_fd;                   // -1: not connected
 } event_state = { "", 0, LOG_USER, -1 };
 
-static void disconnect(void)
+void event_disconnect(void)
 {
     if (event_state.es_fd >= 0) close(event_state.es_fd);
     event_state.es_fd = -1;
@@ -50,7 +50,7 @@ void event_open(const char *ident, int option, int facility)
 
 void event_close(void)
 {
-    disconnect();
+    event_disconnect();
     event_open(nullptr, 0, LOG_USER);
 }
 
@@ -66,7 +66,7 @@ static bool connected(void)
     event_state.es_fd = platform_lift_fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (event_state.es_fd < 0) return false;
     if (connect(event_state.es_fd, (const struct sockaddr *)&address, sizeof address) == 0) return true;
-    disconnect();
+    event_disconnect();
     return false;
 }
 
@@ -77,7 +77,7 @@ static void send_line(const char *line, size_t length)
     for (int i = 0; i < TRIES && connected(); i++) {
         if (send(event_state.es_fd, line, length, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return;
         if (errno == EAGAIN || errno == ENOBUFS || errno == EMSGSIZE) return;
-        disconnect();
+        event_disconnect();
     }
 }
 

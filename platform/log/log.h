@@ -46,6 +46,8 @@ void logging_insist(const char *unit, const char *function, int line, const char
  * The socket is connected with the first line. */
 void event_open(const char *ident, int option, int facility);
 void event_close(void);
+/* Ends the connection alone, for a child that closes descriptors; the next line makes another. */
+void event_disconnect(void);
 /* A logging_func. A line is at most 8 KiB, what is longer is cut. Control characters are shown as spaces, and line ends
  * at the text's end are dropped, so that a line stays one. Never waits. */
 [[gnu::format(printf, 4, 0)]] void event_send_vsyslog(int severity, const char *tag, const char *const *attributes,

@@ -2,9 +2,7 @@
 add_library(rtsock_kernels STATIC)
 target_link_libraries(rtsock_kernels PUBLIC keld_flags rtsock platform PRIVATE keld_product_flags)
 foreach(room kernel model linux)
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/platform/rtsock/${room}/CMakeLists.txt)
-        add_subdirectory(platform/rtsock/${room})
-    endif()
+    add_subdirectory(platform/rtsock/${room})
 endforeach()
 set_target_properties(rtsock_kernels PROPERTIES KELD_REQUIRES rtsock)
 keld_install_library(rtsock_kernels "Kernels behind the routing socket of keld"

@@ -82,7 +82,7 @@ struct rk_client {
     uint8_t rc_filtered;                   // it has one
     struct rtsock_bulk_status rc_bulk;     // of the last bulk write
     uint32_t rc_seq;                       // that the client expects of the next raw event
-    uint64_t rc_lost;                      // events dropped since the queue was full
+    uint64_t rc_lost;                      // datagrams dropped: the queue was full, memory out, or they were too large
     struct rk_datagram *rc_head, *rc_tail; // not yet taken by the socket
     size_t rc_queued;                      // octets in there
     struct rk_datagram *rc_batch;          // replies of the bulk write under way, or null

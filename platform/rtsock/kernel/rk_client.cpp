@@ -214,6 +214,7 @@ int rk_client_open(struct rk_kernel *kernel, int peer, void **state)
         return -1;
     client->rc_kernel = kernel;
     client->rc_peer = peer;
+    client->rc_seq = 1;   // as a fresh cookie has it
     if (kernel->open != nullptr && kernel->open(client) < 0) {
         free(client);
         return -1;

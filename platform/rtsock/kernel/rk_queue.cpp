@@ -3,7 +3,8 @@
  *
  * A message becomes a datagram; several share one where the client reads many at once (replies of a bulk write, events
  * that wait while the socket is full). What the socket does not take waits in a list, in order, and is handed on when
- * the client reads. Replies always find room; events are dropped, and counted, past RK_QUEUE_MAX.
+ * the client reads. Replies find room as long as there is memory; events are dropped past RK_QUEUE_MAX. What is lost is
+ * counted.
  */
 #include "platform/rtsock/kernel/rk_queue.h"
 #include "platform/rtsock/kernel/rk_filter.h"
@@ -26,7 +27,11 @@ struct rk_datagram {
 
 namespace {
 
-enum { ENCODE_FIRST = 2048 };
+enum {
+    ENCODE_FIRST = 2048,
+    DATAGRAM_SURE = 4096,     // octets that every socket takes
+    DATAGRAM_OVERHEAD = 32,   // of the host's, for each
+};
 
 struct rk_datagram *datagram_new(size_t room)
 {
@@ -63,6 +68,20 @@ int hand_over(const struct rk_client *client, const uint8_t *octets, size_t leng
     return errno == ENOBUFS ? EAGAIN : errno;
 }
 
+/* What the socket layer set for what goes to the client, which is twice the size that the client reads. */
+size_t send_buffer(const struct rk_client *client)
+{
+    int size = 0;
+    socklen_t length = sizeof size;
+    return getsockopt(client->rc_peer, SOL_SOCKET, SO_SNDBUF, &size, &length) == 0 && size > 0 ? size_t(size) : 0;
+}
+
+/* Octets that are put together at most: no more than one read takes. */
+size_t gather_room(const struct rk_client *client)
+{
+    return std::min<size_t>(send_buffer(client) / 2, RK_GATHER_MAX);
+}
+
 /* Several messages may share a datagram if the client walks what it reads. */
 bool may_gather(const struct rk_client *client)
 {
@@ -83,7 +102,9 @@ int deliver(struct rk_client *client, const uint8_t *octets, size_t length)
         client->rc_queued += length;
         return 0;
     }
-    struct rk_datagram *datagram = datagram_new(may_gather(client) ? std::max<size_t>(length, RK_GATHER_MAX) : length);
+    if (length > DATAGRAM_SURE && length + DATAGRAM_OVERHEAD > send_buffer(client))
+        return TARGET_EMSGSIZE;
+    struct rk_datagram *datagram = datagram_new(may_gather(client) ? std::max(length, gather_room(client)) : length);
     if (datagram == nullptr)
         return TARGET_ENOMEM;
     append(datagram, octets, length);
@@ -144,13 +165,20 @@ int send_faulty(struct rk_client *client, uint8_t *octets, uint32_t length)
 
 void fill_header(const struct rk_client *client, const struct rk_request *request, uint8_t type, struct rts_hdr *header)
 {
-    struct rk_faults *faults = client->rc_kernel->faults;
     header->rtsh_magic = 0;
     header->rtsh_version = type < RTSLIB_TYPES ? rtslib_versions[1 + type] : 0;
     header->rtsh_type = type;
     header->rtsh_op = request->op;
     header->rtsh_seq = request->seq;
     header->rtsh_sender = client->rc_sender;
+}
+
+/* Of a reply. */
+void answer_header(const struct rk_client *client, const struct rk_request *request, uint8_t type,
+                   struct rts_hdr *header)
+{
+    struct rk_faults *faults = client->rc_kernel->faults;
+    fill_header(client, request, type, header);
     if (faults != nullptr && happens(&faults->odd_sequences))
         header->rtsh_seq++;
 }
@@ -199,7 +227,7 @@ uint8_t *rk_encode(enum rk_form form, uint8_t type, void *record, uint32_t *leng
 int rk_reply(struct rk_client *client, const struct rk_request *request, uint8_t type, void *record)
 {
     struct rk_faults *faults = client->rc_kernel->faults;
-    fill_header(client, request, type, static_cast<struct rts_hdr *>(record));
+    answer_header(client, request, type, static_cast<struct rts_hdr *>(record));
     enum rk_form form = client->rc_kernel->form;
     if (faults != nullptr && happens(&faults->raw_replies))
         form = RK_FORM_RAW;
@@ -216,7 +244,7 @@ int rk_reply_raw(struct rk_client *client, const struct rk_request *request, uin
 {
     struct rts_hdr header;
     memcpy(&header, octets, RK_HDR_SIZE);
-    fill_header(client, request, type, &header);
+    answer_header(client, request, type, &header);
     header.rtsh_msglen = length;
     memcpy(octets, &header, RK_HDR_SIZE);
     return send_faulty(client, static_cast<uint8_t *>(octets), length);
@@ -227,10 +255,12 @@ void rk_event(struct rk_client *client, uint32_t listen_low, uint32_t listen_hig
 {
     if ((client->rc_listen[0] & listen_low) == 0 && (client->rc_listen[1] & listen_high) == 0)
         return;
+    // The filter sees the message as it would go out.
+    const struct rk_request unasked = { type, op, 0, client->rc_seq, nullptr, nullptr, 0 };
+    fill_header(client, &unasked, type, static_cast<struct rts_hdr *>(record));
     if (client->rc_filtered != 0 && rk_filter_holds(client->rc_filter, sizeof client->rc_filter, type, record) == 0)
         return;
-    const struct rk_request unasked = { type, op, 0, client->rc_seq++, nullptr, nullptr, 0 };
-    fill_header(client, &unasked, type, static_cast<struct rts_hdr *>(record));
+    client->rc_seq++;
     uint32_t length;
     uint8_t *octets = client->rc_queued < RK_QUEUE_MAX ? rk_encode(client->rc_kernel->form, type, record, &length)
                                                        : nullptr;
@@ -250,7 +280,7 @@ void rk_event_all(struct rk_kernel *kernel, const struct rk_client *but, uint32_
 
 void rk_batch_begin(struct rk_client *client)
 {
-    client->rc_batch = datagram_new(RK_GATHER_MAX);
+    client->rc_batch = datagram_new(gather_room(client));
 }
 
 void rk_batch_end(struct rk_client *client)
@@ -267,8 +297,11 @@ void rk_queue_flush(struct rk_client *client)
 {
     while (client->rc_head != nullptr) {
         struct rk_datagram *first = client->rc_head;
-        if (hand_over(client, first->octets, first->length) == EAGAIN)
+        int error = hand_over(client, first->octets, first->length);
+        if (error == EAGAIN)
             return;
+        if (error != 0)
+            client->rc_lost++;
         client->rc_head = first->next;
         if (client->rc_head == nullptr)
             client->rc_tail = nullptr;

@@ -22,6 +22,8 @@
 
 namespace {
 
+enum { CHANGE_FLAGS = 1 };   // of ifl_msg's change
+
 enum { TARGET_IFF_UP = 1 };
 
 /* A name out of a message. False if there is none, or it is longer than any. */
@@ -180,8 +182,9 @@ int next_unit(struct rk_client *client, const struct rk_request *request)
 int change_unit(struct rk_client *client, const struct rk_request *request)
 {
     const auto *asked = static_cast<const struct ifl_msg *>(request->record);
-    if (asked->gateway_len != 0 || asked->privflags != 0 || asked->priv_byte != 0 ||
-        asked->rts_hdr.rtsh_info_len != 0)
+    // An update that is not about the flags has them 0, and must not take the link down.
+    if ((asked->change & CHANGE_FLAGS) == 0 || asked->gateway_len != 0 || asked->privflags != 0 ||
+        asked->priv_byte != 0 || asked->rts_hdr.rtsh_info_len != 0)
         return TARGET_EOPNOTSUPP;
     struct nl *nl = &lx_owner(client)->requests;
     struct lx_link link;

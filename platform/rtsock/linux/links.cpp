@@ -72,11 +72,11 @@ void read_kind(struct nl_attr info, struct nl_attr lower, bool elsewhere, struct
         link->lower = nl_u32(lower, 0);
 }
 
-void read_families(struct nl_attr spec, struct lx_link *link)
+void read_families(struct nl_attr families, struct lx_link *link)
 {
     uint16_t family;
     struct nl_attr attr;
-    while (spec.octets != nullptr && nl_next_attr(&spec, &family, &attr)) {
+    while (families.octets != nullptr && nl_next_attr(&families, &family, &attr)) {
         link->inet |= family == AF_INET;
         link->inet6 |= family == AF_INET6;
     }

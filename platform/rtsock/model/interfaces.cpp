@@ -19,7 +19,7 @@ enum {
     DEVICE_KEY_OCTETS = 2,
     UNIT_KEY_OCTETS = 4,
     FAMILY_KEY_OCTETS = 5,
-    CHANGE_SUBSET = 16,     // of a unit's change word
+    CHANGE_FLAGS = 1, CHANGE_SUBSET = 16,     // of a unit's change word
     ITEM_SUBSET = 225,
     SUBSET_BITS = 16,
 };
@@ -176,26 +176,17 @@ int unit_check(void *draft, struct rm_object *, const struct rm_object *old)
     return same != nullptr && same != old ? int(TARGET_EEXIST) : check_parent(record);
 }
 
-bool only_flags(const struct ifl_msg *request)
-{
-    struct ifl_msg rest = *request;
-    memset(&rest.rts_hdr, 0, sizeof rest.rts_hdr);
-    rest.ifl_idx = rest.unit = rest.ifd_idx = rest.snmpid = rest.change = rest.flags = 0;
-    rest.name = nullptr;
-    rest.name_len = 0;
-    return is_zero(&rest, sizeof rest);
-}
-
 /* Bits of the subset map come as items, which do not stay. */
 int unit_change(void *draft, const void *record)
 {
     auto *changed = static_cast<struct ifl_msg *>(draft);
     struct rts_hdr *header = &changed->rts_hdr;
     uint32_t kept = 0;
-    if (unit(record)->rts_hdr.rtsh_info_len == 0) {
-        changed->flags = only_flags(unit(record)) ? unit(record)->flags : changed->flags;
+    // A 0 means that nothing is given, unless the change is about it.
+    if ((unit(record)->change & CHANGE_FLAGS) != 0)
+        changed->flags = unit(record)->flags;
+    if (unit(record)->rts_hdr.rtsh_info_len == 0)
         return 0;
-    }
     for (uint32_t i = 0; i < header->rtsh_info_len; i++) {
         const struct rts_msg_info *item = header->rtsh_info[i];
         if (item->tag != ITEM_SUBSET || (unit(record)->change & CHANGE_SUBSET) == 0) {

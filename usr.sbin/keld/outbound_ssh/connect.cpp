@@ -11,7 +11,8 @@
  * Nothing of the daemon may live on in the grandchild, which may take minutes to connect and hours to end: not its
  * descriptors (the pid file's lock would keep a new daemon from starting, the session with the server would never
  * close), nor its signal handlers (a SIGTERM would end all clients). Only the trace file stays, until sshd begins. The
- * children end with _exit: what exit would run is the daemon's.
+ * children end with _exit: what exit would run is the daemon's. A fatal fault of the routing socket alone ends the child
+ * by way of the library's sink, with exit; the daemon leaves nothing for that to run.
  */
 #include "usr.sbin/keld/outbound_ssh/obssh_private.h"
 
@@ -103,6 +104,7 @@ static int connect_to_server(const struct obssh_srv_config *server)
 static void leave_daemon(void)
 {
     (void)setpgid(0, 0);   // the first child does the same, whichever is first
+    event_disconnect();   // a line of the library's must not go into whatever gets that number
     tarne_trace_keep_only(STDERR_FILENO + 1);
     for (int number = 1; number < NSIG; number++) (void)signal(number, SIG_DFL);
     (void)signal(SIGPIPE, SIG_IGN);   // a server that vanishes is noticed by sshd

@@ -3,12 +3,16 @@
  */
 #include "lib/librtsock/filter/rts_filter.h"
 #include "lib/librtsock/idl/idl.h"
+#include "platform/rtsock/kernel/rk.h"
 #include "platform/rtsock/kernel/rk_filter.h"
 
 #include <array>
 #include <gtest/gtest.h>
 #include <random>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using filter = std::array<uint8_t, RTS_FILTER_BLOCK_SIZE>;
 
@@ -64,6 +68,39 @@ TEST(Filter, HoldsByRows)
         { "tid > 5", 0 }, { "ifname", 1 }, { "rts_hdr && 0", 0 }, { "4294967295 < 0", 1 },
     };
     for (const auto &row : rows) EXPECT_EQ(holds(row.text), row.holds) << row.text;
+}
+
+TEST(Filter, KeepsEventsBack)
+{
+    rk_kernel kernel = {};
+    int pair[2];
+    void *state = nullptr;
+    struct rts_filter_registration registration = {};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, pair), 0);
+    ASSERT_EQ(rk_client_open(&kernel, pair[1], &state), 0);
+    registration.listen_lo = 1;
+    EXPECT_EQ(rts_filter_string_parse("op == RTM_DELETE && type == 2", registration.filter, RTS_FILTER_BLOCK_SIZE), 0);
+    EXPECT_EQ(rk_client_setsockopt(state, RTSOCK_FILTERS, &registration, sizeof registration), 0);
+    for (uint8_t op : { 1, 3 }) {   // the header is filled in for each
+        rt_msg record = {};
+        record.rts_hdr.rtsh_op = 9;
+        rk_event_all(&kernel, nullptr, 1, 0, 2, op, &record);
+    }
+    std::array<uint8_t, 4096> got;
+    ssize_t count = recv(pair[0], got.data(), got.size(), 0);
+    rts_msg message = {};
+    ASSERT_GT(idr_decode_rts_msg_0(&message, got.data(), size_t(count), [](size_t s, void *) { return calloc(1, s); },
+                                   nullptr), 0);
+    const auto *told = static_cast<rt_msg *>(message.msg);
+    EXPECT_EQ(told->rts_hdr.rtsh_op, 3);
+    EXPECT_EQ(told->rts_hdr.rtsh_seq, 1U) << "the first event that goes out";
+    idr_release_rts_msg_0(&message, [](void *memory, void *) { free(memory); }, nullptr);
+    EXPECT_EQ(recv(pair[0], got.data(), got.size(), 0), -1);
+    memset(registration.filter + 16, 0xff, 32);
+    EXPECT_EQ(rk_client_setsockopt(state, RTSOCK_FILTERS, &registration, sizeof registration), -1);
+    rk_client_close(state);
+    close(pair[0]);
+    close(pair[1]);
 }
 
 TEST(Filter, DamagedProgramsAreToldAndBounded)

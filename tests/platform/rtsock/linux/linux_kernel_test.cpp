@@ -493,9 +493,10 @@ TEST_F(LinuxKernel, InterfacesByIndexNameAndUnit)
     EXPECT_EQ(unit(RTM_OP_GET, [](ifl_msg *m) { m->ifd_idx = index_of("va"); m->unit = 5; }), "va.5 on va va.5 up");
     EXPECT_EQ(unit(RTM_OP_GETNEXT, named(va, 0)), "va.5 on va va.5 up");
     EXPECT_EQ(unit(RTM_OP_GETNEXT, named(va, 5)), "vb.0 on vb vb up");
-    EXPECT_EQ(unit(RTM_OP_CHANGE, named(va, 5)), "done");   // no flags: down
+    EXPECT_EQ(unit(RTM_OP_CHANGE, named(va, 5)), "error 45");   // not about the flags
+    EXPECT_EQ(unit(RTM_OP_CHANGE, [&](ifl_msg *m) { named(va, 5)(m); m->change = 1; }), "done");
     EXPECT_EQ(unit(RTM_OP_GET, named(va, 5)), "va.5 on va va.5 down");
-    EXPECT_EQ(unit(RTM_OP_CHANGE, [&](ifl_msg *m) { named(va, 5)(m); m->flags = 1; }), "done");
+    EXPECT_EQ(unit(RTM_OP_CHANGE, [&](ifl_msg *m) { named(va, 5)(m); m->change = m->flags = 1; }), "done");
     EXPECT_EQ(unit(RTM_OP_CHANGE, [&](ifl_msg *m) { named(va, 5)(m); m->privflags = 1; }), "error 45");
     EXPECT_EQ(unit(RTM_OP_ADD, named(va, 6)), "error 45");
     auto family = [this](uint8_t op, const std::function<void(iff_msg *)> &fill) {

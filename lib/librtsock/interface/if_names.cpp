@@ -1,0 +1,94 @@
+/*
+ * The C library's functions about interface names, for the interfaces of the routing socket.
+ *
+ * They stand in a source of their own: whoever links them gets them for the whole program. The connection is made at
+ * first use and kept. Nothing asks whether it could be made: a request without one fails like any other, and the next
+ * call tries again.
+ */
+#include "lib/librtsock/ifl.h"
+#include "lib/librtsock/interface/exchange.h"
+#include "lib/librtsock/interface/ifl_lookup.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+
+namespace {
+
+enum { SENDER_ID = 3 };
+
+struct rtslib_cookie *shared_cookie;   // of all functions here; never closed
+
+struct rtslib_cookie *connection(void)
+{
+    if (shared_cookie == nullptr)
+        shared_cookie = rtslib_open(SENDER_ID);
+    return shared_cookie;
+}
+
+/* Entries first, an empty one behind them, then the names, which begin zeroed. */
+struct if_nameindex *make_entries(const struct rtslib_msg_list *list)
+{
+    size_t entries = size_t(list->count) + 1;
+    auto *block = static_cast<struct if_nameindex *>(rtslib_calloc(
+        MEMID_RTSLIB_NAMEINDEX, 1, entries * sizeof(struct if_nameindex) + size_t(list->count) * IFL_NAME_SIZE));
+    if (block == nullptr)
+        return nullptr;
+    auto *name = reinterpret_cast<char *>(block + entries);
+    for (uint32_t i = 0; i < list->count; i++, name += IFL_NAME_SIZE) {
+        const auto *message = static_cast<const struct ifl_msg *>(rtslib_msg_list_get_by_index(list, i));
+        block[i].if_index = message->ifl_idx;
+        block[i].if_name = name;
+        ifl_print_device(message, name, IFL_NAME_SIZE);
+    }
+    return block;
+}
+
+}   // namespace
+
+unsigned int if_nametoindex(const char *name) noexcept
+{
+    struct ifl_place place;
+    void *message = nullptr;
+    if (ifl_find_place(name, &place))
+        (void)rtslib_iflm_get_by_name(connection(), place.device, place.unit, RTM_OP_GET, &message, nullptr);
+    if (message == nullptr) {
+        errno = ENXIO;
+        return 0;
+    }
+    // Kept on purpose: the message is not released, here and below; each call leaves one behind.
+    return static_cast<const struct ifl_msg *>(message)->ifl_idx;
+}
+
+char *if_indextoname(unsigned int index, char *name) noexcept
+{
+    void *message = nullptr;
+    (void)rtslib_iflm_get_by_index(connection(), index, RTM_OP_GET, &message, nullptr);
+    if (message == nullptr) {
+        errno = ENXIO;
+        return nullptr;
+    }
+    ifl_print_name(static_cast<const struct ifl_msg *>(message), name, IFL_NAME_SIZE);
+    return name;
+}
+
+struct if_nameindex *if_nameindex(void) noexcept
+{
+    struct rtslib_msg_list *list = nullptr;
+    int error = rtslib_iflm_get_all(connection(), &list);
+    if (error != 0) {
+        errno = rtslib_errno_of(error);
+        return nullptr;
+    }
+    struct if_nameindex *entries = make_entries(list);
+    rtslib_msg_list_free(shared_cookie, list);
+    if (entries == nullptr)
+        errno = ENOMEM;
+    return entries;
+}
+
+void if_freenameindex(struct if_nameindex *entries) noexcept
+{
+    rtslib_free(MEMID_RTSLIB_NAMEINDEX, entries);
+}
