@@ -22,6 +22,7 @@ struct idlcat_options {
     bool hex_in = false;                     // input is hexadecimal text
     bool hex_out = false;
     bool absent = false;                     // fields that a TLV record leaves out are listed too
+    bool brief = false;                      // messages are rendered, a line each
     bool convert = false;
     wire_form to = wire_form::tlv;
 };

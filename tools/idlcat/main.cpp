@@ -15,6 +15,7 @@ constexpr char help_text[] =
     "  --type NAME     the input is one bare record of that type\n"
     "  --idr           ... in IDR; without it in TLV, in the type's own dialect\n"
     "  --hex           the input is hexadecimal text\n"
+    "  --brief         print a line for each message, as traces have them\n"
     "  --absent        list the fields that a TLV record leaves out, too\n"
     "  --to tlv|idr    write the messages in that form instead\n"
     "  --hex-out       ... as hexadecimal text\n"
@@ -106,6 +107,7 @@ constexpr struct {
     { "--hex", &idlcat_options::hex_in },
     { "--hex-out", &idlcat_options::hex_out },
     { "--absent", &idlcat_options::absent },
+    { "--brief", &idlcat_options::brief },
 };
 
 bool set_flag(idlcat_options &options, const char *word)
@@ -134,9 +136,11 @@ std::string set_value(idlcat_options &options, const std::string &word, const ch
     return known ? "" : std::string("--to takes tlv or idr, not '") + value + "'";
 }
 
-/* Forms that the type does not have. */
+/* What cannot go together, forms that the type does not have among it. */
 std::string unfit(const idlcat_options &options)
 {
+    if (options.brief && (options.convert || options.type != nullptr))
+        return "--brief prints whole messages: it goes neither with --to nor with --type";
     if (options.type == nullptr)
         return options.idr ? "--idr goes with --type: an enveloped message tells its form" : "";
     bool idr = options.idr || (options.convert && options.to == wire_form::idr);

@@ -4,6 +4,8 @@
  */
 #include "tools/idlcat/idlcat.h"
 
+#include "lib/librtsock/format/rtslib_format.h"
+
 #include <stdlib.h>
 #include <string.h>
 
@@ -89,6 +91,25 @@ void convert_message(const run &r, const struct rts_msg &decoded, const struct m
                }));
 }
 
+/* False: messages that the rendering cannot be given, raw ones of a type that has a record. */
+bool can_render(const message &m)
+{
+    bool enveloped = m.magic == IDL_MAGIC_TLV || m.magic == IDL_MAGIC_IDR;
+    return enveloped == (idl_message_type(m.type) != nullptr);
+}
+
+/* A line is as long as it has to be. */
+void render_message(const run &r, const void *message)
+{
+    const size_t first = 4096, most = 1 << 26;
+    struct rtslib_cookie silent = {};   // a buffer that was too small is no news
+    std::vector<char> text(first);
+    while (rtslib_format_output(&silent, text.data(), text.size(), RTSLIB_FORMAT_MODE_BRIEF, message) != 0 &&
+           text.size() < most)
+        text.resize(text.size() * 2);
+    fputs(text.data(), r.out);
+}
+
 /* The library's word on the message, and its other form if that is wanted. */
 bool decode_message(run &r, const message &m)
 {
@@ -104,6 +125,10 @@ bool decode_message(run &r, const message &m)
         report(r, m, { m.begin, std::string("the library refuses it: ") + code_text(code) });
         return false;
     }
+    if (r.options.brief && decoded.msg != nullptr) {
+        static_cast<struct rts_hdr *>(decoded.msg)->rtsh_type = uint8_t(m.type);   // what the record is rendered by
+        render_message(r, decoded.msg);
+    }
     if (r.options.convert && decoded.msg != nullptr)
         convert_message(r, decoded, tlv ? &map : nullptr);
     else if (r.options.convert)
@@ -113,7 +138,7 @@ bool decode_message(run &r, const message &m)
 
 void print_head(const run &r, const message &m, const char *form, const char *record)
 {
-    if (r.options.convert)
+    if (r.options.convert || (r.options.brief && can_render(m)))
         return;
     fprintf(r.out, "%06zx  message %zu: %s, type %u%s%s, %zu octets\n", m.begin, m.number, form, m.type,
             record != nullptr ? " " : "", record != nullptr ? record : "", m.end - m.begin);
@@ -121,7 +146,8 @@ void print_head(const run &r, const message &m, const char *form, const char *re
 
 bool walk_body(run &r, const message &m, const struct idl_type *type, bool tlv, size_t begin)
 {
-    walk w = { r.options.convert ? nullptr : r.out, r.input, r.options.absent, {}, {}, 1 };
+    bool silent = r.options.convert || r.options.brief;
+    walk w = { silent ? nullptr : r.out, r.input, r.options.absent, {}, {}, 1 };
     if (tlv ? walk_tlv(w, type, begin, m.end) : walk_idr(w, type, begin, m.end))
         return true;
     report(r, m, w.fault);
@@ -142,6 +168,11 @@ void run_raw(run &r, const message &m)
     print_head(r, m, "raw", nullptr);
     if (r.options.convert) {
         report(r, m, { m.begin, "a raw message has no other form" });
+        return;
+    }
+    if (r.options.brief && can_render(m)) {
+        const std::vector<uint8_t> octets(r.input.begin() + ptrdiff_t(m.begin), r.input.begin() + ptrdiff_t(m.end));
+        render_message(r, octets.data());
         return;
     }
     walk w = { r.out, r.input, false, {}, {}, 1 };

@@ -56,6 +56,7 @@ void print_help(void)
           "  --load FILE            fill the model kernel from a file\n"
           "  --family FAMILY        of tables, next hops and routes listed: inet, inet6, iso, ...; inet if not given\n"
           "  --all                  print every field\n"
+          "  --brief                print messages as traces show them\n"
           "  --version              print the release\n"
           "  --help, -h             print this\n"
           "Exit status: 0; 1 if an operation failed; 2 for a command that means nothing.\n",
@@ -105,6 +106,10 @@ std::string read_options(const std::vector<std::string> &words, bool of_command,
         }
         if (word == "--all") {
             options->shell.all = true;
+            continue;
+        }
+        if (word == "--brief") {
+            options->shell.brief = true;
             continue;
         }
         const auto *row = std::find_if(std::begin(value_options), std::end(value_options), [&](auto &o) {

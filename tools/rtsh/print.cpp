@@ -4,6 +4,7 @@
  */
 #include "tools/rtsh/rtsh.h"
 
+#include "lib/librtsock/format/rtslib_format.h"
 #include "platform/target.h"
 #include "tools/idlcat/idlcat.h"
 
@@ -59,10 +60,21 @@ void print_fields(const struct rtsh &shell, const void *message, const void *mas
     rtslib_msg_free(shell.cookie, octets);
 }
 
+/* As traces show it; what does not fit is cut, which the library reports. */
+void print_brief(const struct rtsh &shell, const void *message)
+{
+    char text[RTSLIB_FORMAT_FULL_SIZE] = "";
+    rtslib_format_output(shell.cookie, text, sizeof text, RTSLIB_FORMAT_MODE_BRIEF, message);
+    text[strcspn(text, "\n")] = '\0';
+    fprintf(shell.out, "%s\n", text);
+}
+
 void print_line(const struct rtsh &shell, const void *message, const void *mask, const std::string &line)
 {
     if (shell.all)
         print_fields(shell, message, mask);
+    else if (shell.brief)
+        print_brief(shell, message);
     else
         fprintf(shell.out, "%s\n", line.c_str());
 }

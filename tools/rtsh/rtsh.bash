@@ -10,7 +10,7 @@ _rtsh()
     --family) mapfile -t COMPREPLY < <(compgen -W 'inet inet6 iso' -- "$current"); return 0 ;;
     esac
     if [[ $current == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W '- --kernel --load --family --all --version --help' -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W '- --kernel --load --family --all --brief --version --help' -- "$current")
         return 0
     fi
     for ((i = 1; i < COMP_CWORD; i++)); do

@@ -21,6 +21,7 @@ struct rtsh {
     struct rtslib_cookie *cookie = nullptr;
     FILE *out = stdout;
     bool all = false;               // every field of a record
+    bool brief = false;             // as traces show messages
     uint8_t family = 0;             // of tables and next hops, where nothing else tells it
     uint32_t line = 0;              // of standard input, 0: the command stands on the command line
 };

@@ -30,6 +30,7 @@ static const struct {
       "512 family inet type ucst interface 70 address 10.1.1.1 references 2\n"
       "513 family inet type rjct references 3\n"
       "514 family inet6 type ucst interface 70 address 2001:db8::1 references 1\n" },
+    { "--brief route get 10.0.0.0/8 table blue", "", 0, "*route*get*10/8*\n" },
     // changes live from line to line
     { "-", "route add 172.16.0.0/12 table blue nexthop 512\nroute get 172.16.0.0/12 table 5 # there\n\n"
            "route delete 172.16.0.0/12 table blue\nroute get 172.16.0.0/12 table blue", 1,
