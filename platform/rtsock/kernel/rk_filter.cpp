@@ -8,6 +8,7 @@
 
 #include "lib/librtsock/filter/rts_filter.h"
 #include "lib/librtsock/idl/idl.h"
+#include "platform/target.h"
 
 #include <string.h>
 
@@ -26,6 +27,7 @@ struct value {
     size_t length;
     const struct idl_type *type;   // of a RECORD, with its place
     const void *record;
+    bool text;               // OCTETS that the source wrote as a string
 };
 
 struct evaluation {
@@ -61,12 +63,12 @@ template <typename type> type read_at(const void *record, uint32_t offset)
 
 struct value number(int64_t of)
 {
-    return { NUMBER, of, nullptr, 0, nullptr, nullptr };
+    return { NUMBER, of, nullptr, 0, nullptr, nullptr, false };
 }
 
 struct value octets(const uint8_t *from, size_t length)
 {
-    return { OCTETS, 0, from, from != nullptr ? length : 0, nullptr, nullptr };
+    return { OCTETS, 0, from, from != nullptr ? length : 0, nullptr, nullptr, false };
 }
 
 struct value integer(const void *record, const struct idl_field &field)
@@ -92,7 +94,7 @@ struct value first_item(const void *record, const struct idl_field &field)
         return {};
     if (field.if_kind == IDL_KIND_LIST_PTR)
         items = read_at<const uint8_t *>(items, 0);
-    return { RECORD, 0, nullptr, 0, field.if_type, items };
+    return { RECORD, 0, nullptr, 0, field.if_type, items, false };
 }
 
 struct value field_value(const void *record, const struct idl_field &field)
@@ -106,12 +108,13 @@ struct value field_value(const void *record, const struct idl_field &field)
     case IDL_KIND_BYTES:
         return octets(at(record, field.if_offset), field.if_size);
     case IDL_KIND_OPAQUE:
-        return octets(read_at<const uint8_t *>(record, field.if_offset), read_at<uint32_t>(record, field.if_len_offset));
+        return octets(read_at<const uint8_t *>(record, field.if_offset),
+                      read_at<uint32_t>(record, field.if_len_offset));
     case IDL_KIND_WORD_LIST:
         return octets(read_at<const uint8_t *>(record, field.if_offset),
                       size_t(read_at<uint32_t>(record, field.if_len_offset)) * WORD);
     case IDL_KIND_RECORD:
-        return { RECORD, 0, nullptr, 0, field.if_type, at(record, field.if_offset) };
+        return { RECORD, 0, nullptr, 0, field.if_type, at(record, field.if_offset), false };
     case IDL_KIND_LIST:
     case IDL_KIND_LIST_PTR:
         return first_item(record, field);
@@ -128,13 +131,7 @@ bool same_name(const char *name, const uint8_t *text, size_t length)
 /* A field of that name, of the record itself or of its header. */
 struct value find(const struct idl_type *type, const void *record, const uint8_t *text, size_t length)
 {
-    if (record == nullptr)
-        return {};
-    for (const struct alias &alias : aliases) {
-        if (same_name(alias.name, text, length))
-            return find(type, record, reinterpret_cast<const uint8_t *>(alias.field), strlen(alias.field));
-    }
-    for (uint32_t i = 0; !type->it_choice && i < type->it_count; i++) {
+    for (uint32_t i = 0; record != nullptr && !type->it_choice && i < type->it_count; i++) {
         const struct idl_field &field = type->it_fields[i];
         if (same_name(field.if_name, text, length))
             return field_value(record, field);
@@ -145,6 +142,17 @@ struct value find(const struct idl_type *type, const void *record, const uint8_t
         }
     }
     return {};
+}
+
+/* The first name of a path: a field, or another word for one. */
+struct value find_first(const struct idl_type *type, const void *record, const uint8_t *text, size_t length)
+{
+    struct value found = find(type, record, text, length);
+    for (const struct alias &alias : aliases) {
+        if (found.kind == NOTHING && same_name(alias.name, text, length))
+            found = find(type, record, reinterpret_cast<const uint8_t *>(alias.field), strlen(alias.field));
+    }
+    return found;
 }
 
 /* --- operations --------------------------------------------------------------------------------------------------- */
@@ -162,15 +170,27 @@ bool truth(const struct value &v)
 /* A text counts to its terminator. */
 size_t text_length(const struct value &v)
 {
-    return v.kind == OCTETS ? strnlen(reinterpret_cast<const char *>(v.octets), v.length) : 0;
+    return v.kind == OCTETS && v.length != 0 ? strnlen(reinterpret_cast<const char *>(v.octets), v.length) : 0;
 }
 
+/* Integers of the source have 32 bits with a sign, fields of that width have none. */
+bool same_number(int64_t a, int64_t b)
+{
+    bool narrow = a >= INT32_MIN && a <= UINT32_MAX && b >= INT32_MIN && b <= UINT32_MAX;
+    return a == b || (narrow && uint32_t(a) == uint32_t(b));
+}
+
+/* Octets with a string as texts, with other octets whole, and with a number only if there are none and it is 0. */
 bool equal(const struct value &left, const struct value &right)
 {
     if (left.kind != OCTETS && right.kind != OCTETS)
-        return as_number(left) == as_number(right);
-    size_t length = text_length(left);
-    return length == text_length(right) && (length == 0 || memcmp(left.octets, right.octets, length) == 0);
+        return same_number(as_number(left), as_number(right));
+    if (left.kind != right.kind)
+        return left.length == 0 && right.length == 0 && as_number(left) == 0 && as_number(right) == 0;
+    bool text = left.text || right.text;
+    size_t length = text ? text_length(left) : left.length;
+    return length == (text ? text_length(right) : right.length) &&
+           (length == 0 || memcmp(left.octets, right.octets, length) == 0);
 }
 
 /* The address in octets, which may be a sockaddr (length, family, then where the family has it). */
@@ -188,7 +208,8 @@ struct value address_of(const struct value &v, size_t octets_of_address)
         return {};
     size_t offset = octets_of_address == ADDRESS_4 ? AT_4 : AT_6;
     bool is_sockaddr = sockaddr->length > octets_of_address && sockaddr->length >= offset + octets_of_address &&
-                       sockaddr->octets[0] == sockaddr->length;
+                       sockaddr->octets[0] == sockaddr->length &&
+                       sockaddr->octets[1] == (octets_of_address == ADDRESS_4 ? TARGET_AF_INET : TARGET_AF_INET6);
     return is_sockaddr ? octets(sockaddr->octets + offset, octets_of_address) : *sockaddr;
 }
 
@@ -197,7 +218,8 @@ bool same_address(const struct value &left, const struct value &right, uint32_t 
 {
     struct value a = address_of(left, octets_of_address), b = address_of(right, octets_of_address);
     size_t length = std::min(size_t(words) * WORD, octets_of_address);
-    return a.length >= length && b.length >= length && length != 0 && memcmp(a.octets, b.octets, length) == 0;
+    return a.length >= length && b.length >= length && a.length <= octets_of_address &&
+           b.length <= octets_of_address && length != 0 && memcmp(a.octets, b.octets, length) == 0;
 }
 
 bool contains(const struct value &left, const struct value &right)
@@ -242,20 +264,22 @@ bool operate(int32_t operation, uint32_t words, const struct value &left, const 
 /* --- the walk ----------------------------------------------------------------------------------------------------- */
 
 /* False if a value cannot be had. */
-bool operand(const struct evaluation *e, const struct rts_filter_instr &instr, const uint8_t *payload, struct value *out)
+bool operand(const struct evaluation *e, const struct rts_filter_instr &instr, const uint8_t *payload,
+             struct value *out)
 {
     size_t length = instr.length - sizeof instr;
     int32_t word = 0;
     switch (instr.code) {
     case RTS_FILTER_FIELD:
         length = strnlen(reinterpret_cast<const char *>(payload), length);
-        *out = e->type != nullptr ? find(e->type, e->record, payload, length) : value{};
+        *out = e->type != nullptr ? find_first(e->type, e->record, payload, length) : value{};
         return true;
     case RTS_FILTER_FIELD_NEXT:
-        *out = { NAME, 0, payload, strnlen(reinterpret_cast<const char *>(payload), length), nullptr, nullptr };
+        *out = { NAME, 0, payload, strnlen(reinterpret_cast<const char *>(payload), length), nullptr, nullptr,
+                 false };
         return true;
     case RTS_FILTER_CONTEXT:
-        *out = { RECORD, 0, nullptr, 0, e->type, e->record };
+        *out = { RECORD, 0, nullptr, 0, e->type, e->record, false };
         return true;
     case RTS_FILTER_INTEGER:
         if (length < sizeof word)
@@ -267,6 +291,7 @@ bool operand(const struct evaluation *e, const struct rts_filter_instr &instr, c
     case RTS_FILTER_ADDRESS_4:
     case RTS_FILTER_ADDRESS_6:
         *out = octets(payload, length);
+        out->text = instr.code == RTS_FILTER_STRING;
         return true;
     default:
         return false;

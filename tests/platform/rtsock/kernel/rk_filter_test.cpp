@@ -31,6 +31,7 @@ static void make_route()
     route.rts_hdr.rtsh_type = 2;
     route.rts_hdr.rtsh_op = 1;
     route.tid = 5;
+    route.nhidx = UINT32_MAX;
     route.af = 2;
     route.rt_flags = 6;
     route.prefix = prefix;
@@ -65,7 +66,11 @@ TEST(Filter, HoldsByRows)
         { "ifname ~ \"0/0\"", 1 }, { "ifname ~ \"xe\"", 0 }, { "ifname == \"ge-0/0/0\"", 1 }, { "ifname == \"ge\"", 0 },
         { "(rt_flags & 4) != NULL", 1 }, { "rt_flags & 1", 0 }, { "tid + 1 == 6", 1 }, { "tid - 6 < 0", 1 },
         { "$.rts_hdr.rtsh_op >= 1", 1 }, { "rts_hdr->rtsh_type <= 1", 0 }, { "nothing.at.all == 0", 1 },
-        { "tid > 5", 0 }, { "ifname", 1 }, { "rts_hdr && 0", 0 }, { "4294967295 < 0", 1 },
+        { "opaque == 5", 0 }, { "opaque == \"x\"", 0 }, { "opaque == 0", 1 }, { "dst == 5", 0 },
+        { "prefix == dst", 1 },
+        { "nhidx == 4294967295", 1 }, { "(nhidx & 2147483648) == 2147483648", 1 }, { "nhidx > 1", 1 },
+        { "rts_hdr.type == 2", 0 }, { "AF_INET6 == AF_ATM", 0 }, { "tid > 5", 0 },
+        { "ifname", 1 }, { "rts_hdr && 0", 0 }, { "4294967295 < 0", 1 },
     };
     for (const auto &row : rows) EXPECT_EQ(holds(row.text), row.holds) << row.text;
 }
