@@ -118,8 +118,9 @@ int rtslib_gencfg_delete(struct rtslib_cookie *cookie, gencfg_t *gencfg);
  * staying set. 22 for a null message.
  *
  * A get (RTM_OP_GET, RTM_OP_GETNEXT) refills gencfg from the reply, and so does a bulk delete; the others leave it
- * alone. A walk is given the previous structure, and begins with GENCFG_FLAG_KEY and no key. Its result is 0 even for
- * a blob that could not be decompressed, so that the walk can go on. */
+ * alone. A walk is given the previous structure with blob and blob_len cleared (a blob that is too large to send would
+ * be refused, though a get sends none), and begins with GENCFG_FLAG_KEY and no key. Its result is 0 even for a blob that
+ * could not be decompressed, so that the walk can go on. */
 int rtslib_gencfg_get(struct rtslib_cookie *cookie, gencfg_t *gencfg, uint8_t operation, void **message, void **mask);
 int rtslib_gencfg_add_and_get(struct rtslib_cookie *cookie, gencfg_t *gencfg, void **message, void **mask);
 int rtslib_gencfg_change_and_get(struct rtslib_cookie *cookie, gencfg_t *gencfg, void **message, void **mask);

@@ -256,7 +256,7 @@ int request(struct rtslib_cookie *cookie, gencfg_t *gencfg, uint8_t operation, v
 
 int request_flagged(struct rtslib_cookie *cookie, gencfg_t *gencfg, uint32_t flag, void **message, void **mask)
 {
-    if (gencfg == nullptr)
+    if (cookie == nullptr || gencfg == nullptr)
         return TARGET_EINVAL;
     gencfg->flags |= flag;
     return request(cookie, gencfg, RTM_OP_CHG_GET, message, mask);
