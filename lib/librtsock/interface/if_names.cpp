@@ -16,6 +16,8 @@
 
 namespace {
 
+enum { TYPE_UNIT = 6 };   // message type of logical interfaces
+
 enum { SENDER_ID = 3 };
 
 struct rtslib_cookie *shared_cookie;   // of all functions here; never closed
@@ -38,11 +40,18 @@ struct if_nameindex *make_entries(const struct rtslib_msg_list *list)
     auto *name = reinterpret_cast<char *>(block + entries);
     for (uint32_t i = 0; i < list->count; i++, name += IFL_NAME_SIZE) {
         const auto *message = static_cast<const struct ifl_msg *>(rtslib_msg_list_get_by_index(list, i));
-        block[i].if_index = message->ifl_idx;
         block[i].if_name = name;
+        if (message->rts_hdr.rtsh_type != TYPE_UNIT)   // its record has other fields there
+            continue;
+        block[i].if_index = message->ifl_idx;
         ifl_print_device(message, name, IFL_NAME_SIZE);
     }
     return block;
+}
+
+bool is_unit(const void *message)
+{
+    return message != nullptr && static_cast<const struct rts_hdr *>(message)->rtsh_type == TYPE_UNIT;
 }
 
 }   // namespace
@@ -53,7 +62,7 @@ unsigned int if_nametoindex(const char *name) noexcept
     void *message = nullptr;
     if (ifl_find_place(name, &place))
         (void)rtslib_iflm_get_by_name(connection(), place.device, place.unit, RTM_OP_GET, &message, nullptr);
-    if (message == nullptr) {
+    if (!is_unit(message)) {
         errno = ENXIO;
         return 0;
     }
@@ -65,7 +74,7 @@ char *if_indextoname(unsigned int index, char *name) noexcept
 {
     void *message = nullptr;
     (void)rtslib_iflm_get_by_index(connection(), index, RTM_OP_GET, &message, nullptr);
-    if (message == nullptr) {
+    if (!is_unit(message)) {
         errno = ENXIO;
         return nullptr;
     }

@@ -19,6 +19,8 @@
 
 namespace {
 
+enum { TYPE_UNIT = 6 };   // message type of logical interfaces
+
 enum {
     SENDER_ID = 3,
     DECIMAL = 10,
@@ -93,6 +95,11 @@ int look_up_with(struct rtslib_cookie *cookie, question ask, taker take)
         return error;
     if (message == nullptr)
         return -1;
+    // A late answer to another question would be read as what it is not.
+    if (static_cast<const struct rts_hdr *>(message)->rtsh_type != TYPE_UNIT) {
+        rtslib_msg_idl_release(cookie, message);
+        return -1;
+    }
     take(static_cast<const struct ifl_msg *>(message));
     rtslib_msg_idl_release(cookie, message);
     return 0;
@@ -165,7 +172,9 @@ int ifl_get_device_name(const char *name, char *buffer, size_t size, int32_t *un
     memcpy(buffer, name, length + 1);
     char *dot = strrchr(buffer, '.');
     if (unit != nullptr)
-        *unit = dot != nullptr ? int32_t(strtoul(dot + 1, nullptr, DECIMAL)) : -1;
+        *unit = dot != nullptr ? int32_t(uint32_t(std::min<unsigned long>(strtoul(dot + 1, nullptr, DECIMAL),
+                                                                          UINT32_MAX)))
+                               : -1;
     if (dot != nullptr)
         *dot = '\0';
     return 0;
