@@ -8,8 +8,9 @@
  *
  * A handler owns its message: rtslib_msg_free for one that came raw, rtslib_msg_idl_release for a decoded one. Which of
  * the two a type is, the client knows; nothing in the message tells, and a kernel that sends the other one is believed.
- * A handler may register and unregister, end the asynchronous context, and destroy the cookie; the loop then ends
- * behind it. Donor tracking's callback and the functions that decompress blobs may do none of this.
+ * A handler, and the sink of sequence errors, may register and unregister, end the asynchronous context, and destroy the
+ * cookie; the loop then ends behind it, or goes on in a context made anew. They must not read this cookie. The error
+ * sink, donor tracking's callback and the functions that decompress blobs may do none of this.
  */
 #pragma once
 
@@ -114,7 +115,8 @@ int rtslib_rtm_async_unregister(struct rtslib_cookie *cookie);
 
 /* Registers a table of count subtypes, the octet at offset choosing. handler gets one subtype, or with all every one.
  * The first call for a type decides: later ones give 0 and change nothing. 22 without cookie, block or handler, for a
- * subtype that the table does not have or a type above 110; 12; or the results above. Nothing is kept on failure. */
+ * subtype that the table does not have or a type above 110; 12; or the results above. No table is kept on
+ * failure. */
 int rtslib_async_subtype_handler_register(struct rtslib_cookie *cookie, uint32_t type, uint8_t subtype, uint8_t count,
                                           uint32_t offset, uint8_t all, uint32_t low, uint32_t high,
                                           uintptr_t context, rtslib_async_func handler);

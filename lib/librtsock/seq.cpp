@@ -13,15 +13,16 @@ extern "C" {
 
 enum { SEQ_AT = 12, SEQ_MISMATCH = -2 };
 
-static void report_mismatch(struct rtslib_cookie *cookie, uint32_t received)
+/* Whoever hears of it may end the cookie. */
+static void report_mismatch(struct rtslib_cookie *cookie, uint32_t expected, uint32_t received)
 {
     if (cookie->seq_err_fn != nullptr) {
-        cookie->seq_err_fn(cookie, cookie->seq_err_ctx, cookie->seq, received);
+        cookie->seq_err_fn(cookie, cookie->seq_err_ctx, expected, received);
         return;
     }
     bool async = cookie->async_info != nullptr;
     rtslib_err(cookie, async ? RTSLIB_ERROR : RTSLIB_FATAL, "%s seq mismatch: (%u != %u)\n",
-               async ? "async message" : "request/reply", cookie->seq, received);
+               async ? "async message" : "request/reply", expected, received);
 }
 
 int rtslib_check_read_seq(struct rtslib_cookie *cookie, const void *message)
@@ -33,14 +34,13 @@ int rtslib_check_read_seq(struct rtslib_cookie *cookie, const void *message)
     bool async = cookie->async_info != nullptr;
     if (async && cookie->used_by_stats != 0 && received == 0)
         return 0;
-    int result = 0;
-    if (received != cookie->seq) {
-        report_mismatch(cookie, received);
-        result = SEQ_MISMATCH;
-    }
+    uint32_t expected = cookie->seq;
     if (async)
         cookie->seq = received + 1;
-    return result;
+    if (received == expected)
+        return 0;
+    report_mismatch(cookie, expected, received);
+    return SEQ_MISMATCH;
 }
 
 int rtslib_seq_get_next(struct rtslib_cookie *cookie, uint32_t *seq)

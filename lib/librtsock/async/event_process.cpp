@@ -100,7 +100,7 @@ bool read_some(struct event_loop *loop, struct event_read *r)
 /* What the message at octets says that it measures, of which left are here; 0 if too few are here to say. */
 int32_t message_length(const uint8_t *octets, uint32_t left)
 {
-    if (left < sizeof(struct rts_raw_hdr))
+    if (left < IDL_ENVELOPE_SIZE)   // where both kinds of message have said it
         return 0;
     uint32_t length;
     if (rtslib_is_enveloped(octets))
@@ -122,7 +122,12 @@ bool walk_one(struct event_loop *loop, struct event_read *r)
         loop->error = TARGET_EINVAL;
         return false;
     }
-    (void)rtslib_check_read_seq(cookie, octets);   // a mismatch has been reported, and the stream follows it
+    // A mismatch has been reported, and the stream follows it. Whoever heard of it may have ended or resized things.
+    if (rtslib_check_read_seq(cookie, octets) != 0) {
+        if (is_over(loop) || r->count > cookie->rbuf_sz)
+            return false;
+        octets = cookie->rbuf_data + r->offset;
+    }
     if (rtslib_async_dispatch(cookie, octets, uint32_t(length)) == 0)
         r->messages++;
     if (is_over(loop))

@@ -261,7 +261,26 @@ TEST_F(AsyncTest, HandlersEndWhatTheyRunIn)
         EXPECT_EQ(take_reports(), row.reports);
         EXPECT_EQ(evTurn(ctx, 0), 0);
     }
+    // So may the sink of sequence errors.
+    cookie = open();
+    for (rtslib_seq_err_func act : { rtslib_seq_err_func([](rtslib_cookie *c, uintptr_t, uint32_t, uint32_t) {
+                                         rtslib_set_buffers(c, 0x80000, 0x90000);
+                                     }),
+                                     rtslib_seq_err_func([](rtslib_cookie *c, uintptr_t, uint32_t, uint32_t) {
+                                         rtslib_destroy_async_context(c);
+                                     }),
+                                     rtslib_seq_err_func([](rtslib_cookie *c, uintptr_t, uint32_t, uint32_t) {
+                                         rtslib_close(c);
+                                     }) }) {
+        (void)rtslib_set_async_context(cookie, ctx);
+        (void)rtslib_rtm_async_register(cookie, 1, handler);
+        rtslib_seq_error_register(cookie, 0, act);
+        deliver(typed(raw(24, 24, 99), 2));
+        meanwhile = nullptr;
+        EXPECT_EQ(evTurn(ctx, 0), 1);
+    }
     cookie = nullptr;
+    EXPECT_EQ(take_reports(), lines{});
 }
 
 TEST_F(AsyncTest, DonorTrackingHearsOfAddresses)
