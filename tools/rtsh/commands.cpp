@@ -134,13 +134,26 @@ int ask_route(const struct rtsh &shell, const table &in, const struct rtsh_prefi
                   *answer);
 }
 
+/* True if the route is the one that was asked for. A get with a type may tell the first of that type, and a get by
+ * prefix the route of another type. */
+bool is_asked(const struct rt_msg *route, const struct rtsh_request &request, const table &in)
+{
+    std::string asked = rtsh_prefix_text(request.prefix.octets, sizeof request.prefix.octets, request.prefix.family,
+                                         request.prefix.bits);
+    return route->af == request.prefix.family && route->tid == in.tid &&
+           (request.type == 0 || route->rt_type == request.type) &&
+           rtsh_prefix_text(route->prefix, route->prefix_len, route->af, route->prefix_bits) == asked;
+}
+
 bool route_get(const struct rtsh &shell, const struct rtsh_request &request)
 {
     table in;
     if (!find_table(shell, request, request.prefix.family, &in))
         return false;
     reply answer(shell);
-    int result = ask_route(shell, in, request.prefix, request.type, RTM_OP_GET, &answer);
+    int result = ask_route(shell, in, request.prefix, 0, RTM_OP_GET, &answer);
+    if (result == 0 && !is_asked(static_cast<const struct rt_msg *>(answer.message), request, in))
+        result = TARGET_ENOENT;
     if (result != 0)
         return rtsh_report(shell, request.text, result);
     rtsh_print_route(shell, answer.message, answer.mask, in.name);

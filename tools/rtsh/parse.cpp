@@ -28,7 +28,9 @@ std::string parse_via(const std::string &word, struct rtsh_request *request)
 
 std::string parse_nexthop(const std::string &word, struct rtsh_request *request)
 {
-    return rtsh_parse_number(word, UINT32_MAX, &request->nexthop) ? "" : "'" + word + "' is no index of a next hop";
+    // 0 would be none, and a route without a next hop drops packets.
+    bool good = rtsh_parse_number(word, UINT32_MAX, &request->nexthop) && request->nexthop != 0;
+    return good ? "" : "'" + word + "' is no index of a next hop";
 }
 
 std::string parse_type(const std::string &word, struct rtsh_request *request)

@@ -5,11 +5,10 @@
  * which of its calls, and how long a datagram is. The sink returns, so that every fatal report is gone past. Whatever
  * handlers do to what they run in, all that was taken is given back when the cookie is closed.
  */
-#include "lib/librtsock/rtslib.h"
+#include "fuzz/lib/librtsock/lib_fuzz.h"
 #include "lib/librtsock/rtslib_async.h"
 #include "lib/librtsock/rtslib_gencfg.h"
 #include "lib/librtsock/rtslib_unnum.h"
-#include "platform/rtsock/rtsock.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -19,52 +18,14 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-static void must(bool holds)
-{
-    if (!holds)
-        abort();
-}
-
-static constexpr size_t LARGEST_BLOCK = 1 << 26;   // what a message merely claims may be refused
 static constexpr uint32_t TYPES = RTSLIB_TYPES;
 
-static int peer, block_count;
 static uint8_t deed, deed_at, calls;   // what a handler does, at which call
 static bool is_closed;
 static rtslib_async_reg *pairs;        // of the subtype table, which end with nobody
 
-static const rtsock_kernel sending_kernel = {
-    "sending",
-    [](int fd, void **) { return peer = fd, 0; },
-    [](void *) {},
-    [](void *, const void *, size_t length) { return ssize_t(length); },
-    [](void *, int, void *value, socklen_t *length) {
-        *length = RTSLIB_TYPES + 1;
-        memcpy(value, rtslib_versions, *length);
-        return 0;
-    },
-    [](void *, int, const void *, socklen_t) { return 0; },
-    [](const int *, unsigned, void *, size_t *) { return errno = ENOENT, -1; },
-    [](const char *, void *, size_t *, const void *, size_t) { return errno = ENOENT, -1; },
-    [](int, uint32_t) { return 0; },
-    [](int, uint32_t) { return 0; },
-    nullptr,
-    nullptr,
-};
-
-static void *take(size_t count, size_t size)
-{
-    if (count * size > LARGEST_BLOCK)
-        return errno = ENOMEM, nullptr;
-    block_count++;
-    return calloc(count, size);
-}
-
-static void give(uint16_t, void *block)
-{
-    block_count -= block != nullptr ? 1 : 0;
-    free(block);
-}
+static const rtsock_kernel sending_kernel =
+    kernel_that([](void *, const void *, size_t length) { return ssize_t(length); });
 
 static int expand(void *to, uint32_t *length, const void *from, uint32_t from_length)
 {
@@ -128,9 +89,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     if (size < 4)
         return 0;
-    rtslib_malloc = [](uint16_t, size_t octets) { return take(1, octets); };
-    rtslib_calloc = [](uint16_t, size_t count, size_t octets) { return take(count, octets); };
-    rtslib_free = give;
+    count_blocks();
     rtsock_set_kernel(&sending_kernel);
     rtslib_cookie *cookie = open_with(data[0]);
     deed = data[1], deed_at = data[2], calls = 0, is_closed = false;

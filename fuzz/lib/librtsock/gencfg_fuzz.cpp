@@ -6,9 +6,9 @@
  * itself. Whatever comes out is read to the last octet and written once more, so that a pointer that leads elsewhere is
  * seen; a request that had no reply must have its blob back, and every block taken is given back.
  */
+#include "fuzz/lib/librtsock/lib_fuzz.h"
 #include "lib/librtsock/rtslib_gencfg.h"
 #include "platform/log/log.h"
-#include "platform/rtsock/rtsock.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -19,43 +19,29 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-static void must(bool holds)
-{
-    if (!holds)
-        abort();
-}
-
 enum choice : uint8_t { EVENT = 1, IDR = 2, MASK = 4, NO_COMPRESSION = 8 };
 
-static constexpr size_t LARGEST_BLOCK = 1 << 26;   // what a message merely claims may be refused
 static constexpr uint8_t NUMBER = 72;
 
-static int peer, block_count, name_value;
+static int name_value;
 static std::vector<uint8_t> answer;
 
-static const rtsock_kernel random_kernel = {
-    .rk_name = "random",
-    .rk_open = [](int fd, void **) { return peer = fd, 0; },
-    .rk_close = [](void *) {},
-    .rk_write = [](void *, const void *, size_t length) -> ssize_t {
-        (void)send(peer, answer.data(), answer.size(), MSG_NOSIGNAL);
-        return ssize_t(length);
-    },
-    .rk_getsockopt = [](void *, int, void *value, socklen_t *length) {
-        *length = RTSLIB_TYPES + 1;
-        memcpy(value, rtslib_versions, *length);
-        return 0;
-    },
-    .rk_setsockopt = [](void *, int, const void *, socklen_t) { return 0; },
-    .rk_sysctl = [](const int *, unsigned, void *, size_t *) { return errno = ENOENT, -1; },
-    .rk_sysctlbyname = [](const char *, void *value, size_t *, const void *, size_t) {
+static ssize_t answer_it(void *, const void *, size_t length)
+{
+    (void)send(peer, answer.data(), answer.size(), MSG_NOSIGNAL);
+    return ssize_t(length);
+}
+
+/* And tells the one value that is asked for by name. */
+static rtsock_kernel make_kernel(void)
+{
+    rtsock_kernel kernel = kernel_that(answer_it);
+    kernel.rk_sysctlbyname = [](const char *, void *value, size_t *, const void *, size_t) {
         return memcpy(value, &name_value, sizeof name_value), 0;
-    },
-    .rk_bind_table = [](int, uint32_t) { return 0; },
-    .rk_bind_interface = [](int, uint32_t) { return 0; },
-    .rk_source = nullptr,
-    .rk_pump = nullptr,
-};
+    };
+    return kernel;
+}
+static const rtsock_kernel random_kernel = make_kernel();
 
 /* Halves a blob; one that begins with an odd octet cannot be. */
 static int squeeze(void *to, uint32_t *length, const void *from, uint32_t from_length)
@@ -78,22 +64,9 @@ static int expand(void *to, uint32_t *length, const void *from, uint32_t from_le
     return 0;
 }
 
-static void *take(size_t count, size_t size)
-{
-    if (count * size > LARGEST_BLOCK)
-        return errno = ENOMEM, nullptr;
-    block_count++;
-    return calloc(count, size);
-}
-
 static rtslib_cookie *connect_once(void)
 {
-    rtslib_calloc = [](uint16_t, size_t count, size_t size) { return take(count, size); };
-    rtslib_malloc = [](uint16_t, size_t size) { return take(1, size); };
-    rtslib_free = [](uint16_t, void *block) {
-        block_count -= block != nullptr ? 1 : 0;
-        free(block);
-    };
+    count_blocks();
     logging_set_mode(LOGGING_MODE_DAEMON);
     logging_register_logfunc([](int, const char *, const char *const *, const char *, va_list) {});
     rtsock_set_kernel(&random_kernel);

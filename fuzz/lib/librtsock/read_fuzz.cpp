@@ -5,8 +5,7 @@
  * two datagrams. The sink returns, so that every fatal report is gone past. What a road takes it gives back, and a
  * decode does not start over more often than the input explains.
  */
-#include "lib/librtsock/rtslib.h"
-#include "platform/rtsock/rtsock.h"
+#include "fuzz/lib/librtsock/lib_fuzz.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -16,64 +15,26 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-static void must(bool holds)
-{
-    if (!holds)
-        abort();
-}
-
 /* A decode needs at most so much for each octet, and so much in any case. */
 static constexpr size_t OCTETS_FOR_ONE = 256, OCTETS_AT_ANY_RATE = 65536, GROWTH = 1024;
-static constexpr size_t LARGEST_BLOCK = 1 << 26;   // what a message merely claims may be refused
 static constexpr uint32_t BUFFER = 0x80000;
 
-static int peer, block_count;
 static size_t retries, cut;
 static const uint8_t *answer;
 static size_t answer_size;
 
-static const rtsock_kernel random_kernel = {
-    "random",
-    [](int fd, void **) { return peer = fd, 0; },
-    [](void *) {},
-    [](void *, const void *, size_t length) {
-        size_t first = std::min(cut, answer_size);
-        if (first != 0)
-            (void)send(peer, answer, first, MSG_NOSIGNAL);
-        if (first != answer_size)
-            (void)send(peer, answer + first, answer_size - first, MSG_NOSIGNAL);
-        return ssize_t(length);
-    },
-    [](void *, int, void *value, socklen_t *length) {
-        *length = RTSLIB_TYPES + 1;
-        memcpy(value, rtslib_versions, *length);
-        return 0;
-    },
-    [](void *, int, const void *, socklen_t) { return 0; },
-    [](const int *, unsigned, void *, size_t *) { return errno = ENOENT, -1; },
-    [](const char *, void *, size_t *, const void *, size_t) { return errno = ENOENT, -1; },
-    [](int, uint32_t) { return 0; },
-    [](int, uint32_t) { return 0; },
-    nullptr,
-    nullptr,
-};
-
-static void *take(size_t count, size_t size)
-{
-    if (count * size > LARGEST_BLOCK)
-        return errno = ENOMEM, nullptr;
-    block_count++;
-    return calloc(count, size);
-}
+static const rtsock_kernel random_kernel = kernel_that([](void *, const void *, size_t length) -> ssize_t {
+    size_t first = std::min(cut, answer_size);
+    if (first != 0)
+        (void)send(peer, answer, first, MSG_NOSIGNAL);
+    if (first != answer_size)
+        (void)send(peer, answer + first, answer_size - first, MSG_NOSIGNAL);
+    return ssize_t(length);
+});
 
 static rtslib_cookie *connect_once(void)
 {
-    rtslib_calloc = [](uint16_t, size_t count, size_t size) { return take(count, size); };
-    rtslib_malloc = [](uint16_t, size_t size) { return take(1, size); };
-    rtslib_free = [](uint16_t, void *block) {
-        block_count -= block != nullptr ? 1 : 0;
-        free(block);
-    };
+    count_blocks();
     rtsock_set_kernel(&random_kernel);
     rtslib_cookie *cookie = rtslib_cookie_create();
     rtslib_lib_error_register(cookie, 0, [](rtslib_cookie *, uintptr_t, int, const char *text) {

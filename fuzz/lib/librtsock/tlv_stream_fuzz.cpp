@@ -5,8 +5,8 @@
  * of the stream: as the item of its number, or among what travels as it was. Nothing may be lost, changed or added, and
  * a stream that is no run of whole elements sends nothing.
  */
+#include "fuzz/lib/librtsock/lib_fuzz.h"
 #include "lib/librtsock/rtslib_interface.h"
-#include "platform/rtsock/rtsock.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -16,40 +16,19 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-static void must(bool holds)
-{
-    if (!holds)
-        abort();
-}
-
 using octets = std::vector<uint8_t>;
 
 enum { HEAD = 4, AS_IT_WAS = 0x70000ff };
 
 static octets written;
 
-static const rtsock_kernel keeping_kernel = {
-    .rk_name = "keeping",
-    .rk_open = [](int, void **) { return 0; },
-    .rk_close = [](void *) {},
-    .rk_write = [](void *, const void *from, size_t length) -> ssize_t {
-        const auto *at = static_cast<const uint8_t *>(from);
-        written.assign(at, at + length);
-        return ssize_t(length);
-    },
-    .rk_getsockopt = [](void *, int, void *value, socklen_t *length) {
-        *length = RTSLIB_TYPES + 1;
-        memcpy(value, rtslib_versions, *length);
-        return 0;
-    },
-    .rk_setsockopt = [](void *, int, const void *, socklen_t) { return 0; },
-    .rk_sysctl = [](const int *, unsigned, void *, size_t *) { return -1; },
-    .rk_sysctlbyname = [](const char *, void *, size_t *, const void *, size_t) { return -1; },
-    .rk_bind_table = [](int, uint32_t) { return 0; },
-    .rk_bind_interface = [](int, uint32_t) { return 0; },
-    .rk_source = nullptr,
-    .rk_pump = nullptr,
-};
+static ssize_t keep(void *, const void *from, size_t length)
+{
+    const auto *at = static_cast<const uint8_t *>(from);
+    written.assign(at, at + length);
+    return ssize_t(length);
+}
+static const rtsock_kernel keeping_kernel = kernel_that(keep);
 
 static rtslib_cookie *connect_once(void)
 {

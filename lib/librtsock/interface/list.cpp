@@ -86,8 +86,10 @@ int make_arrays(struct rtslib_cookie *cookie, struct rtslib_msg_list *list, size
         return TARGET_ENOMEM;
     list->array = static_cast<void **>(rtslib_size_alloc(cookie, count * sizeof *list->array));
     list->masks = static_cast<void **>(rtslib_size_alloc(cookie, count * sizeof *list->masks));
+    if (list->array == nullptr || list->masks == nullptr)
+        return TARGET_ENOMEM;
     list->free = uint16_t(count);
-    return list->array != nullptr && list->masks != nullptr ? 0 : int(TARGET_ENOMEM);
+    return 0;
 }
 
 /* 0 or 12. */

@@ -75,6 +75,13 @@ bool device_other(const void *record, struct rm_object **found)
     return true;
 }
 
+bool has_units(uint32_t device_index)
+{
+    return first_that(&rm_units, [=](const struct rm_object *o) {
+               return unit(o->mo_record)->ifd_idx == device_index;
+           }) != nullptr;
+}
+
 int device_check(void *draft, struct rm_object *, const struct rm_object *old)
 {
     auto *record = static_cast<struct ifdev_msg *>(draft);
@@ -84,7 +91,10 @@ int device_check(void *draft, struct rm_object *, const struct rm_object *old)
     if (record->idx == 0 || record->name_len == 0)
         return TARGET_EINVAL;
     const struct rm_object *same = rm_device_named(record->name, record->name_len);
-    return same != nullptr && same != old ? TARGET_EEXIST : 0;
+    if (same != nullptr && same != old)
+        return TARGET_EEXIST;
+    // Units and families bear their device's name.
+    return old != nullptr && same == nullptr && has_units(record->idx) ? TARGET_EBUSY : 0;
 }
 
 int device_change(void *draft, const void *record)
@@ -96,6 +106,17 @@ int device_change(void *draft, const void *record)
     if (is_zero(&rest, sizeof rest))
         static_cast<struct ifdev_msg *>(draft)->flags = device(record)->flags;
     return 0;
+}
+
+/* A device stays as long as a unit of another one stands on one of its units. */
+int device_held(const struct rm_object *object)
+{
+    uint32_t index = device(object->mo_record)->idx;
+    const struct rm_object *above = first_that(&rm_units, [=](const struct rm_object *o) {
+        const struct rm_object *parent = rm_unit_at(unit(o->mo_record)->parent_idx);
+        return unit(o->mo_record)->ifd_idx != index && parent != nullptr && unit(parent->mo_record)->ifd_idx == index;
+    });
+    return above != nullptr ? TARGET_EBUSY : 0;
 }
 
 void device_below(const struct rm_object *object, struct rk_client *by)
@@ -155,6 +176,13 @@ int check_parent(const struct ifl_msg *record)
     return 0;
 }
 
+bool has_families(uint32_t unit_index)
+{
+    return first_that(&rm_families, [=](const struct rm_object *o) {
+               return family(o->mo_record)->ifl_idx == unit_index;
+           }) != nullptr;
+}
+
 int unit_check(void *draft, struct rm_object *, const struct rm_object *old)
 {
     auto *record = static_cast<struct ifl_msg *>(draft);
@@ -171,6 +199,10 @@ int unit_check(void *draft, struct rm_object *, const struct rm_object *old)
     record->ifd_idx = d->idx;
     record->name = d->name;
     record->name_len = d->name_len;
+    // Families bear their unit's name and tenant.
+    if (old != nullptr && has_families(record->ifl_idx) &&
+        (!same_place(unit(old->mo_record), record) || unit(old->mo_record)->tenant != record->tenant))
+        return TARGET_EBUSY;
     const struct rm_object *same =
         first_that(&rm_units, [&](const struct rm_object *o) { return same_place(unit(o->mo_record), record); });
     return same != nullptr && same != old ? int(TARGET_EEXIST) : check_parent(record);
@@ -267,6 +299,7 @@ struct rm_kind rm_devices = {
     .mk_other = device_other,
     .mk_check = device_check,
     .mk_change = device_change,
+    .mk_held = device_held,
     .mk_below = device_below,
 };
 

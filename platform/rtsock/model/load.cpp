@@ -5,6 +5,7 @@
 #include "platform/rtsock/model/rm.h"
 #include "platform/rtsock/model/rtsock_model.h"
 
+#include "lib/librtsock/format/rtslib_format.h"
 #include "platform/target.h"
 
 #include <errno.h>
@@ -27,14 +28,7 @@ enum {
     BITS = 8,
 };
 
-constexpr const char *nexthop_types[] = {
-    "dscd", "rjct", "ucst", "ulst",   "idxd",   "indr",   "hold",  "rslv",    "locl",  "recv", "mcrt",  "bcst", "mcst",
-    "mgrp", "mdsc", "rtbl", "deny",   "aggr",   "crypto", "iflist", "sample", "flood", "service", "mcrtc", "comp",
-    nullptr,
-};
-constexpr const char *route_types[] = {
-    "", "user", "ignr", "dynm", "", "perm", "", "intf", "", "dest", "ifdn", "", "iddn", "clon", "ifcl", nullptr,
-};
+enum { ROUTE_TYPES = 15, NEXTHOP_TYPES = 25 };   // that have names of their own
 
 uint32_t text_length(const char *text)
 {
@@ -144,6 +138,8 @@ int add_nexthop(const struct rm_line *line)
     uint8_t sockaddr[SOCKADDR_MAX] = {};
     bool inet = line->family == TARGET_AF_INET;
     struct rnh_msg record = {};
+    if (number_of(line, RM_INDEX) == 0)   // that would be: any index
+        return TARGET_EINVAL;
     record.idx = number_of(line, RM_INDEX);
     record.af = line->family;
     record.nh = uint8_t(number_of(line, RM_TYPE));
@@ -179,14 +175,14 @@ int add_route(const struct rm_line *line)
 }
 
 constexpr struct rm_statement statements[] = {
-    { "table", "W", RM_INDEX | RM_FAMILY | RM_TENANT, RM_INDEX | RM_FAMILY, UINT16_MAX - 1, nullptr, add_table },
-    { "device", "W", RM_INDEX | RM_SNMP | RM_MTU | RM_MAC | RM_DOWN, RM_INDEX, UINT16_MAX, nullptr, add_device },
-    { "unit", "W", RM_INDEX | RM_SNMP | RM_TENANT | RM_LR | RM_PARENT, RM_INDEX, UINT32_MAX, nullptr, add_unit },
-    { "family", "NF", RM_MTU | RM_DONOR, 0, UINT32_MAX, nullptr, add_family },
-    { "address", "NFP", RM_DESTINATION, 0, UINT32_MAX, nullptr, add_address },
-    { "nexthop", "N", RM_FAMILY | RM_TYPE | RM_INTERFACE | RM_ADDRESS, RM_FAMILY | RM_TYPE, UINT32_MAX, nexthop_types,
-      add_nexthop },
-    { "route", "WFP", RM_TYPE | RM_NEXTHOP, RM_TYPE | RM_NEXTHOP, 0, route_types, add_route },
+    { "table", "W", RM_INDEX | RM_FAMILY | RM_TENANT, RM_INDEX | RM_FAMILY, UINT16_MAX - 1, nullptr, 0, add_table },
+    { "device", "W", RM_INDEX | RM_SNMP | RM_MTU | RM_MAC | RM_DOWN, RM_INDEX, UINT16_MAX, nullptr, 0, add_device },
+    { "unit", "W", RM_INDEX | RM_SNMP | RM_TENANT | RM_LR | RM_PARENT, RM_INDEX, UINT32_MAX, nullptr, 0, add_unit },
+    { "family", "NF", RM_MTU | RM_DONOR, 0, UINT32_MAX, nullptr, 0, add_family },
+    { "address", "NFP", RM_DESTINATION, 0, UINT32_MAX, nullptr, 0, add_address },
+    { "nexthop", "N", RM_FAMILY | RM_TYPE | RM_INTERFACE | RM_ADDRESS, RM_FAMILY | RM_TYPE, UINT32_MAX,
+      rtslib_format_nexthop_type, NEXTHOP_TYPES, add_nexthop },
+    { "route", "WFP", RM_TYPE | RM_NEXTHOP, RM_TYPE | RM_NEXTHOP, 0, rtslib_format_route_type, ROUTE_TYPES, add_route },
 };
 
 /* All lines of a file up to the first bad one. */

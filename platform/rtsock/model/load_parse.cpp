@@ -57,6 +57,7 @@ struct reader {
     struct rm_line *line;
     char *error;
     size_t size;
+    char *late[RM_CLAUSES];   // addresses that wait for the family, by clause
 };
 
 [[gnu::format(printf, 2, 3)]] int fault(const struct reader *r, const char *format, ...)
@@ -134,9 +135,9 @@ int read_mac(const struct reader *r, const char *word)
 
 int read_type(const struct reader *r, const char *word, uint32_t *number)
 {
-    for (uint32_t i = 0; r->statement->types[i] != nullptr; i++) {
-        if (*word != '\0' && strcmp(r->statement->types[i], word) == 0) {
-            *number = i;
+    for (int i = 0; i < r->statement->types; i++) {
+        if (*word != '\0' && strcmp(r->statement->type(i), word) == 0) {
+            *number = uint32_t(i);
             return 0;
         }
     }
@@ -161,7 +162,8 @@ int read_value(struct reader *r, uint32_t at)
     case VALUE_TYPE:
         return read_type(r, word, number);
     default:
-        return read_prefix(r, word, false, 1U << at == RM_ADDRESS ? &r->line->address : &r->line->destination);
+        r->late[at] = word;
+        return 0;
     }
 }
 
@@ -206,6 +208,18 @@ int check_required(const struct reader *r)
     return 0;
 }
 
+/* Addresses, once the family is known, which may stand behind them. */
+int read_late(struct reader *r)
+{
+    int error = 0;
+    for (uint32_t at = 0; at < RM_CLAUSES && error == 0; at++) {
+        if (r->late[at] != nullptr)
+            error = read_prefix(r, r->late[at], false,
+                                1U << at == RM_ADDRESS ? &r->line->address : &r->line->destination);
+    }
+    return error;
+}
+
 int read_line(struct reader *r)
 {
     int error = 0;
@@ -214,7 +228,9 @@ int read_line(struct reader *r)
     const char *word;
     while (error == 0 && (word = next_word(r)) != nullptr)
         error = read_clause(r, word);
-    return error != 0 ? error : check_required(r);
+    if (error == 0)
+        error = check_required(r);
+    return error != 0 ? error : read_late(r);
 }
 
 const char *reason(int error)
@@ -239,7 +255,7 @@ const char *reason(int error)
 int rm_line_run(const struct rm_statement *statements, size_t count, char *text, char *error, size_t size)
 {
     struct rm_line line = {};
-    struct reader r = { text, nullptr, &line, error, size };
+    struct reader r = { text, nullptr, &line, error, size, {} };
     const char *word = next_word(&r);
     if (word == nullptr)
         return 0;

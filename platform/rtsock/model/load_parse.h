@@ -54,7 +54,8 @@ struct rm_statement {
     const char *places;
     uint32_t allowed, required;   // enum rm_clause
     uint32_t index_max;
-    const char *const *types;     // names by number, ended by null; for RM_TYPE
+    const char *(*type)(int);     // name of a number, for RM_TYPE
+    int types;                    // numbers that have one
     rm_line_func add;             // the target's error, or 0
 };
 

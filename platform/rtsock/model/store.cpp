@@ -245,6 +245,8 @@ int remove_named(struct rm_kind *kind, struct rk_client *client, const struct rk
 {
     struct rm_object *object = nullptr;
     int error = named(kind, request->record, &object);
+    if (error == 0 && kind->mk_passes != nullptr && !kind->mk_passes(request->record, object))
+        error = TARGET_ENOENT;
     if (error == 0 && kind->mk_held != nullptr)
         error = kind->mk_held(object);
     if (error == 0)

@@ -37,7 +37,7 @@ static const struct {
       "172.16.0.0/12 type user nexthop 512 table blue ack 7\n172.16.0.0/12 type user nexthop 512 table blue ack 7\n"
       "rtsh: line 5: route get 172.16.0.0/12 table blue: ENOENT (2): no such object\n" },
     { "-", "route add 2001:db8:1::/48 via 2001:db8::9 table inet6.0 type 5\nroute get 2001:db8:1::/48 table inet6.0\n"
-           "nexthop get 1\nroute delete 2001:db8:1::/48 table inet6.0\nnexthop get 1", 1,
+           "nexthop get 1\nroute delete 2001:db8:1::/48 table inet6.0 type 5\nnexthop get 1", 1,
       "2001:db8:1::/48 type perm via 2001:db8::9 table inet6.0 ack 7\n"
       "2001:db8:1::/48 type perm nexthop 1 table inet6.0 ack 7\n"
       "1 family inet6 type ucst address 2001:db8::9 references 1\n"
@@ -51,11 +51,18 @@ static const struct {
     { "route get 10.9.0.0/16 table green", "", 1, "rtsh: table green: ENOENT (2): no such object\n" },
     { "route add 10.0.0.0/8 table blue nexthop 512", "", 1,
       "rtsh: route add 10.0.0.0/8 table blue nexthop 512: EEXIST (17): the object exists already\n" },
+    { "route get 10.0.0.0/8 table blue type perm", "", 1,
+      "rtsh: route get 10.0.0.0/8 table blue type perm: ENOENT (2): no such object\n" },
+    { "route get 0.0.0.0/0 type perm", "", 1, "rtsh: route get 0.0.0.0/0 type perm: ENOENT (2): no such object\n" },
+    { "route delete 10.0.0.0/8 table blue type perm", "", 1,
+      "rtsh: route delete 10.0.0.0/8 table blue type perm: ENOENT (2): no such object\n" },
     { "route match 198.51.100.1", "", 1, "rtsh: route match 198.51.100.1: ENOENT (2): no such object\n" },
     { "--load /nowhere/model table", "", 1, "rtsh: /nowhere/model: No such file or directory\n" },
     { "--load $COMPLETION table", "", 1, "rtsh: */rtsh.bash:2: *\n" },
     // what means nothing; nothing is asked then
     { "", "", 2, "rtsh: a command is wanted; see rtsh --help\n" },
+    { "route add 10.5.0.0/16 nexthop 0", "", 2,
+      "rtsh: route add 10.5.0.0/16 nexthop 0: '0' is no index of a next hop; see rtsh --help\n" },
     { "frob", "", 2, "rtsh: frob: there is no such command; see rtsh --help\n" },
     { "route", "", 2, "rtsh: route: what is to be done?; see rtsh --help\n" },
     { "-", "route frob\n--kernel linux table\ntable blue", 2,

@@ -76,6 +76,9 @@ TEST_F(InterfaceTest, changes_touch_what_they_give)
     EXPECT_EQ(ask(5, RTM_OP_CHG_GET, ifdev_msg{ .idx = 130, .mtu = 9000 }), "130 ge-0/0/0 1 9000");
     EXPECT_EQ(ask(5, RTM_OP_CHG_GET, ifdev_msg{ .idx = 130, .flags = 0 }), "130 ge-0/0/0 0 9000");
     EXPECT_EQ(ask(5, RTM_OP_CHANGE, with_name<ifdev_msg>(lo, { .idx = 130 })), "-17");
+    std::string renamed = "xe-0/0/0";
+    EXPECT_EQ(ask(5, RTM_OP_CHANGE, with_name<ifdev_msg>(renamed, { .idx = 130 })), "-16");   // its units bear the name
+    EXPECT_EQ(ask(6, RTM_OP_CHANGE, ifl_msg{ .ifl_idx = 70, .unit = 9 }), "-16");             // its families, too
     rts_msg_info item = { .tag = 225, .u = {} }, *items[] = { &item };
     auto subset = [&](uint8_t bit, uint8_t value) {
         ifl_msg request = { .ifl_idx = 70, .change = 16 };
@@ -94,6 +97,7 @@ TEST_F(InterfaceTest, changes_touch_what_they_give)
 TEST_F(InterfaceTest, what_stands_on_an_object_goes_with_it)
 {
     EXPECT_EQ(ask(6, RTM_OP_DELETE, ifl_msg{ .ifl_idx = 70 }), "-16");   // 72 stands on it
+    EXPECT_EQ(ask(5, RTM_OP_DELETE, ifdev_msg{ .idx = 130 }), "-16");
     EXPECT_EQ(ask(6, RTM_OP_DELETE, ifl_msg{ .ifl_idx = 72 }), "");
     heard();
     EXPECT_EQ(ask(5, RTM_OP_DELETE, ifdev_msg{ .idx = 130 }), "");

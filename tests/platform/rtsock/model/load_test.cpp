@@ -28,6 +28,8 @@ TEST_F(ModelTest, a_bad_line_is_told_and_adds_nothing)
         { "nexthop 6 family inet6 type ucst interface 5 address 2001:db8::2", "" },
         { "route blue inet6 ::/0 type user nexthop 6", "2 route: what it stands on is not there" },
         { "route default inet6 ::/0 type user nexthop 6", "" },
+        { "nexthop 0 family inet type ucst", "22 nexthop: a value is out of range" },
+        { "nexthop 77 address 10.1.1.1 type ucst family inet", "" },
     };
     for (const auto &row : rows) EXPECT_EQ(line(row.line), row.says) << row.line;
     heard();
