@@ -343,13 +343,15 @@ void format_put_sockaddr(struct format_out *out, const uint8_t *octets, size_t l
         return;
     length = std::min<size_t>(length, std::max<size_t>(octets[0], SA_HEAD));
     int family = octets[1];
-    size_t at = family == TARGET_AF_INET6 ? SA_INET6_VALUE : SA_VALUE;
+    const family_row *row = find_family(family);
+    // Some families are inet or inet6 under another number.
+    int form = row != nullptr && row->put == nullptr ? row->form : int(RTSLIB_FORM_FAMILY);
+    size_t at = form == RTSLIB_FORM_COLON ? SA_INET6_VALUE : SA_VALUE;
     size_t left = length > at ? length - at : 0;
     const struct value v = { octets + std::min(at, length), left, uint32_t(left) * 8, RTSLIB_FORM_FAMILY };
-    const family_row *row = find_family(family);
-    if (family == TARGET_AF_INET)
-        put_inet_sockaddr(out, v, names);
-    else if (family == TARGET_AF_INET6)
+    if (form == RTSLIB_FORM_DOTTED)
+        put_inet_sockaddr(out, v, names && family == TARGET_AF_INET);
+    else if (form == RTSLIB_FORM_COLON)
         put_colons(out, v, INET6_SIZE);
     else if (row != nullptr && row->put != nullptr && left > 0)
         put_value(out, v, family);

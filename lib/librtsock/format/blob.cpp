@@ -1,9 +1,9 @@
 /*
  * Blobs: records in an encoding of their own inside messages.
  *
- * They are decoded into scratch on the stack, which does for every blob that a sender makes in earnest; one that wants
- * more - it takes few octets to ask for many empty items - counts as broken. A blob that is broken leaves a text that
- * says so, and the line goes on.
+ * They are decoded into scratch on the stack, since rendering takes no memory. A blob that is broken leaves a text that
+ * says so, and the line goes on. A sound one whose items need more than the scratch, several hundred of them, leaves the
+ * same text with the code for memory, -2.
  */
 #include "lib/librtsock/format/line.h"
 

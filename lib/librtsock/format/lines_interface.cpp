@@ -87,10 +87,9 @@ constexpr format_piece neighbor_addr_pieces[] = {
 };
 constexpr format_line neighbor_line = line_of(neighbor_pieces, sizeof(struct ifftlv_neighbor));
 constexpr format_line neighbor_addr_line = line_of(neighbor_addr_pieces, sizeof(struct ifftlv_neighbor_addr));
-constexpr format_item neighbor_items[] = {
-    { 0x5000001, &neighbor_line, false },
-    { 0x5000002, &neighbor_addr_line, false },
-};
+// In this order, whatever the message's is.
+constexpr format_item neighbor_items[] = { { 0x5000001, &neighbor_line, false } };
+constexpr format_item neighbor_addr_items[] = { { 0x5000002, &neighbor_addr_line, false } };
 
 constexpr format_piece family_tail_pieces[] = {
     hex("flags=0x", AT(iff_msg, flags)),
@@ -171,6 +170,7 @@ void put_family_rest(struct format_out *out, const void *record)
 {
     const auto *family = static_cast<const struct iff_msg *>(record);
     format_put_items(out, &family->rts_hdr, neighbor_items);
+    format_put_items(out, &family->rts_hdr, neighbor_addr_items);
     format_put_line(out, &family_tail, family);
     format_put_line(out, &family_filters, family);
     format_put_filters(out, family->implicit_filters, family->implicit_filters_len);

@@ -69,7 +69,7 @@ enum rtslib_format_form {
 };
 
 /* Text of a prefix: value has (bits + 7) / 8 octets, or what the family always has, in network order. With a form
- * other than 0, inet, inet6 and mpls go by that form. 0, or -1 if the text was cut. */
+ * other than 0, mpls and all families without a text of their own go by that form. 0, or -1 if the text was cut. */
 int rtslib_format_prefix(char *buffer, size_t size, const void *value, uint32_t bits, int family, int form);
 /* Text of an address, a sockaddr in the target's form: its length in the first octet, the family in the second. names
  * not 0: the host's name for an inet address, if it has one; that call waits and is for one thread only. 0, or -1 if

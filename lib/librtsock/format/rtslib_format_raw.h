@@ -44,8 +44,10 @@ static_assert(sizeof(struct sa_raw) == 72);
 /* The socket's own statistics, type 26: of one message type, the counters of operations 1 to 9. */
 enum { RTSM_OPS = 9 };
 struct rtsm_counters_raw {
-    uint64_t sndpkts, sndbytes, rcvpkts, rcvbytes;
-    uint32_t sndmaxpkt, rcvmaxpkt;   // octets of the largest
+    uint64_t sndpkts, sndbytes;
+    uint32_t sndmaxpkt, reserved1;   // octets of the largest
+    uint64_t rcvpkts, rcvbytes;
+    uint32_t rcvmaxpkt, reserved2;
 };
 struct rtsm_raw {
     struct rts_raw_hdr hdr;
@@ -54,7 +56,7 @@ struct rtsm_raw {
     uint16_t reserved[3];
     struct rtsm_counters_raw ops[RTSM_OPS];   // operation 1 first
 };
-static_assert(sizeof(struct rtsm_raw) == 392 && offsetof(struct rtsm_raw, ops) == 32);
+static_assert(sizeof(struct rtsm_raw) == 464 && offsetof(struct rtsm_raw, ops) == 32);
 
 /* An object in the state that the kernel keeps for its clients, type 47. */
 struct ifsm_raw {

@@ -6,6 +6,9 @@
  * clients and for trials without privileges; nothing of the host is touched. One model for the process, empty at first
  * but for the table "default" (index 0) of both families. Results of functions are 0 or the target's error numbers.
  *
+ * A walk gives what is strictly behind the object that the request names. An address that is named by its local prefix
+ * alone is the first with that prefix, so a walk over addresses names both prefixes of each reply.
+ *
  * Text form, for rtsock_model_load: one object a line, words apart by blanks, '#' to the end of the line is a comment.
  *
  *     table NAME index N family inet|inet6|iso [tenant N]

@@ -214,7 +214,7 @@ TEST(format_lines, socket_statistics)
     const std::string title = "\nUnknown op::        add    change    delete       get   getnext     clear deleteall   "
                               "add_get   chg_get\n";
     EXPECT_EQ(render(&stats), title + "\n");
-    stats.ops[0] = { 12345, 67, 8, 9, 10, 11 };
+    stats.ops[0] = { 12345, 67, 10, 0, 8, 9, 11, 0 };
     std::string row = "   rttable:   12345/8   ";
     for (int op = 2; op <= RTSM_OPS; op++) row += "    0/0   ";
     EXPECT_EQ(render(&stats), title + row + "\n");
