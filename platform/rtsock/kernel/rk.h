@@ -34,24 +34,35 @@ typedef int (*rk_serve_func)(struct rk_client *client, const struct rk_request *
 
 enum rk_form { RK_FORM_IDR, RK_FORM_TLV, RK_FORM_RAW };
 
-/* What a kernel does wrong when told so. All zero: nothing. Counts go down as the fault happens. */
+/* What is wrong with messages to a client. */
+struct rk_message_faults {
+    uint32_t odd_sequences;   // so many carry a sequence number that is one too high
+    uint32_t raw;             // so many come raw
+    uint32_t oversized;       // so many have oversize octets behind the message
+    uint32_t oversize;
+    uint32_t cut;             // so many end after cut_length octets
+    uint32_t cut_length;
+    uint32_t lost;            // so many never come
+};
+
+/* What a kernel does wrong when told so. All zero: nothing. Counts go down as the fault happens; of several that are
+ * due, the one that stands first happens. Errors are the target's numbers. */
 struct rk_faults {
-    uint32_t refused_options;     // bit n: option n fails with EPERM
+    uint32_t failed_opens;        // so many fail with failed_open_error
+    int32_t failed_open_error;
+    uint32_t failed_sysctls;      // so many fail with failed_sysctl_error
+    int32_t failed_sysctl_error;
+    uint32_t refused_options;     // bit n: option n fails with EPERM, as often as it is tried
     const uint8_t *versions;      // instead of the true version table
     uint32_t versions_length;
-    uint32_t short_writes;        // so many writes take short_write_count octets and do nothing else
-    int32_t short_write_count;
-    uint32_t failed_writes;       // so many fail with failed_write_error, the target's number, and do nothing else
+    uint32_t failed_writes;       // so many fail with failed_write_error and do nothing else
     int32_t failed_write_error;
-    uint32_t silent_writes;       // so many are taken and never answered
-    uint32_t odd_sequences;       // so many replies carry a sequence number that is one too high
-    uint32_t raw_replies;         // so many replies come raw
-    uint32_t oversized_replies;   // so many replies have oversize octets behind the message
-    uint32_t oversize;
-    uint32_t cut_replies;         // so many replies end after cut_length octets
-    uint32_t cut_length;
-    uint32_t bulk_stops;          // so many bulk writes stop at entry bulk_stop_at with bulk_stop_error
+    uint32_t short_writes;        // so many take short_write_count octets and do nothing else
+    int32_t short_write_count;
+    uint32_t silent_writes;       // so many are taken and do nothing else
+    uint32_t bulk_stops;          // so many bulk writes stop at entry bulk_stop_at, which they must have
     uint32_t bulk_stop_at, bulk_stop_error;
+    struct rk_message_faults replies, events;
 };
 
 /* A kernel: what it serves and, as far as it keeps something, the clients. Hooks may be null. */

@@ -53,11 +53,6 @@ int fail(int target_error)
     return -1;
 }
 
-bool happens(uint32_t *times)
-{
-    return *times != 0 && (*times)-- != 0;
-}
-
 uint32_t word_at(const uint8_t *octets, size_t offset)
 {
     uint32_t word;
@@ -127,23 +122,24 @@ int serve_one(struct rk_client *client, const uint8_t *octets, size_t length)
     return enveloped(octets) ? serve_decoded(client, octets, length) : serve_raw(client, octets, length);
 }
 
+/* The error of the entry that a bulk write has come to, as far as a fault says so. */
+int bulk_fault(const struct rk_client *client)
+{
+    struct rk_faults *faults = client->rc_kernel->faults;
+    if (faults == nullptr || client->rc_bulk.count != faults->bulk_stop_at || !rk_happens(&faults->bulk_stops))
+        return 0;
+    return int(faults->bulk_stop_error);
+}
+
 /* Messages up to the first that fails. Octets taken, or -1 if that is the first of all. */
 ssize_t serve_bulk(struct rk_client *client, const uint8_t *octets, size_t length)
 {
-    struct rk_faults *faults = client->rc_kernel->faults;
-    uint32_t stop_at = UINT32_MAX, stop_error = 0;
-    if (faults != nullptr && happens(&faults->bulk_stops)) {
-        stop_at = faults->bulk_stop_at;
-        stop_error = faults->bulk_stop_error;
-    }
     size_t taken = 0;
     client->rc_bulk = {};
     rk_batch_begin(client);
     while (taken < length && client->rc_bulk.error == 0) {
         size_t message = first_length(octets + taken, length - taken);
-        int error = message == 0 ? int(TARGET_EINVAL) : 0;
-        if (client->rc_bulk.count == stop_at)
-            error = int(stop_error);
+        int error = message == 0 ? int(TARGET_EINVAL) : bulk_fault(client);
         if (error == 0)
             error = serve_one(client, octets + taken, message);
         client->rc_bulk.error = uint32_t(error);
@@ -209,6 +205,9 @@ int copy_out(void *value, socklen_t *length, const void *from, size_t size)
 
 int rk_client_open(struct rk_kernel *kernel, int peer, void **state)
 {
+    struct rk_faults *faults = kernel->faults;
+    if (faults != nullptr && rk_happens(&faults->failed_opens))
+        return fail(faults->failed_open_error);
     auto *client = static_cast<struct rk_client *>(calloc(1, sizeof(struct rk_client)));
     if (client == nullptr)
         return -1;
@@ -243,11 +242,11 @@ ssize_t rk_client_write(void *state, const void *octets, size_t length)
     auto *client = static_cast<struct rk_client *>(state);
     const auto *message = static_cast<const uint8_t *>(octets);
     struct rk_faults *faults = client->rc_kernel->faults;
-    if (faults != nullptr && happens(&faults->failed_writes))
+    if (faults != nullptr && rk_happens(&faults->failed_writes))
         return fail(faults->failed_write_error);
-    if (faults != nullptr && happens(&faults->short_writes))
+    if (faults != nullptr && rk_happens(&faults->short_writes))
         return faults->short_write_count;
-    if (faults != nullptr && happens(&faults->silent_writes))
+    if (faults != nullptr && rk_happens(&faults->silent_writes))
         return ssize_t(length);
     if (client->rc_sync_mode != 0)
         return serve_bulk(client, message, length);

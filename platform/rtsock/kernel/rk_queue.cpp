@@ -139,27 +139,54 @@ int send_reply(struct rk_client *client, const uint8_t *octets, size_t length)
     return 0;
 }
 
-bool happens(uint32_t *times)
-{
-    return *times != 0 && (*times)-- != 0;
-}
+typedef int (*send_func)(struct rk_client *client, const uint8_t *octets, size_t length);
 
-/* A reply with the length that a fault gives it. */
-int send_faulty(struct rk_client *client, uint8_t *octets, uint32_t length)
+/* A message with the length that a fault gives it. faults may be null. */
+int send_faulty(struct rk_client *client, send_func send_on, struct rk_message_faults *faults, const uint8_t *octets,
+                uint32_t length)
 {
-    struct rk_faults *faults = client->rc_kernel->faults;
     if (faults == nullptr)
-        return send_reply(client, octets, length);
-    if (happens(&faults->cut_replies))
-        return send_reply(client, octets, std::min(length, faults->cut_length));
-    if (!happens(&faults->oversized_replies))
-        return send_reply(client, octets, length);
+        return send_on(client, octets, length);
+    if (rk_happens(&faults->lost))
+        return 0;
+    if (rk_happens(&faults->cut))
+        return send_on(client, octets, std::min(length, faults->cut_length));
+    if (!rk_happens(&faults->oversized))
+        return send_on(client, octets, length);
     auto *longer = static_cast<uint8_t *>(calloc(1, size_t(length) + faults->oversize));
     if (longer == nullptr)
         return TARGET_ENOMEM;
     memcpy(longer, octets, length);
-    int error = send_reply(client, longer, size_t(length) + faults->oversize);
+    int error = send_on(client, longer, size_t(length) + faults->oversize);
     free(longer);
+    return error;
+}
+
+struct rk_message_faults *reply_faults(const struct rk_client *client)
+{
+    struct rk_faults *faults = client->rc_kernel->faults;
+    return faults != nullptr ? &faults->replies : nullptr;
+}
+
+struct rk_message_faults *event_faults(const struct rk_client *client)
+{
+    struct rk_faults *faults = client->rc_kernel->faults;
+    return faults != nullptr ? &faults->events : nullptr;
+}
+
+/* Encoded, and sent as the faults say. */
+int encode_and_send(struct rk_client *client, send_func send_on, struct rk_message_faults *faults, uint8_t type,
+                    void *record)
+{
+    enum rk_form form = client->rc_kernel->form;
+    if (faults != nullptr && rk_happens(&faults->raw))
+        form = RK_FORM_RAW;
+    uint32_t length;
+    uint8_t *octets = rk_encode(form, type, record, &length);
+    if (octets == nullptr)
+        return TARGET_ENOMEM;
+    int error = send_faulty(client, send_on, faults, octets, length);
+    free(octets);
     return error;
 }
 
@@ -177,9 +204,9 @@ void fill_header(const struct rk_client *client, const struct rk_request *reques
 void answer_header(const struct rk_client *client, const struct rk_request *request, uint8_t type,
                    struct rts_hdr *header)
 {
-    struct rk_faults *faults = client->rc_kernel->faults;
+    struct rk_message_faults *faults = reply_faults(client);
     fill_header(client, request, type, header);
-    if (faults != nullptr && happens(&faults->odd_sequences))
+    if (faults != nullptr && rk_happens(&faults->odd_sequences))
         header->rtsh_seq++;
 }
 
@@ -226,18 +253,8 @@ uint8_t *rk_encode(enum rk_form form, uint8_t type, void *record, uint32_t *leng
 
 int rk_reply(struct rk_client *client, const struct rk_request *request, uint8_t type, void *record)
 {
-    struct rk_faults *faults = client->rc_kernel->faults;
     answer_header(client, request, type, static_cast<struct rts_hdr *>(record));
-    enum rk_form form = client->rc_kernel->form;
-    if (faults != nullptr && happens(&faults->raw_replies))
-        form = RK_FORM_RAW;
-    uint32_t length;
-    uint8_t *octets = rk_encode(form, type, record, &length);
-    if (octets == nullptr)
-        return TARGET_ENOMEM;
-    int error = send_faulty(client, octets, length);
-    free(octets);
-    return error;
+    return encode_and_send(client, send_reply, reply_faults(client), type, record);
 }
 
 int rk_reply_raw(struct rk_client *client, const struct rk_request *request, uint8_t type, void *octets, uint32_t length)
@@ -247,7 +264,7 @@ int rk_reply_raw(struct rk_client *client, const struct rk_request *request, uin
     answer_header(client, request, type, &header);
     header.rtsh_msglen = length;
     memcpy(octets, &header, RK_HDR_SIZE);
-    return send_faulty(client, static_cast<uint8_t *>(octets), length);
+    return send_faulty(client, send_reply, reply_faults(client), static_cast<uint8_t *>(octets), length);
 }
 
 void rk_event(struct rk_client *client, uint32_t listen_low, uint32_t listen_high, uint8_t type, uint8_t op,
@@ -261,12 +278,11 @@ void rk_event(struct rk_client *client, uint32_t listen_low, uint32_t listen_hig
     if (client->rc_filtered != 0 && rk_filter_holds(client->rc_filter, sizeof client->rc_filter, type, record) == 0)
         return;
     client->rc_seq++;
-    uint32_t length;
-    uint8_t *octets = client->rc_queued < RK_QUEUE_MAX ? rk_encode(client->rc_kernel->form, type, record, &length)
-                                                       : nullptr;
-    if (octets == nullptr || deliver(client, octets, length) != 0)
+    struct rk_message_faults *faults = event_faults(client);
+    if (faults != nullptr && rk_happens(&faults->odd_sequences))
+        static_cast<struct rts_hdr *>(record)->rtsh_seq++;
+    if (client->rc_queued >= RK_QUEUE_MAX || encode_and_send(client, deliver, faults, type, record) != 0)
         client->rc_lost++;
-    free(octets);
 }
 
 void rk_event_all(struct rk_kernel *kernel, const struct rk_client *but, uint32_t listen_low, uint32_t listen_high,

@@ -17,3 +17,9 @@ void rk_queue_flush(struct rk_client *client);
 void rk_queue_clear(struct rk_client *client);
 
 }   // extern "C"
+
+/* A fault that is due so many times more: whether it happens now. */
+inline bool rk_happens(uint32_t *times)
+{
+    return *times != 0 && (*times)-- != 0;
+}

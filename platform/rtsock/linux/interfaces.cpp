@@ -22,7 +22,7 @@
 
 namespace {
 
-enum { CHANGE_FLAGS = 1 };   // of ifl_msg's change
+enum { CHANGE_FLAGS = 1 };   // of change words
 
 enum { TARGET_IFF_UP = 1 };
 
@@ -107,7 +107,9 @@ int set_up(struct nl *nl, uint32_t index, bool up)
 int change_device(struct rk_client *client, const struct rk_request *request)
 {
     const auto *asked = static_cast<const struct ifdev_msg *>(request->record);
-    if (asked->addr_len != 0 || asked->hw_addr_len != 0 || asked->alt_addr_len != 0 || asked->tlv_marker != 0 ||
+    // A change that is not about the flags has them 0, and must not take the link down.
+    bool of_flags = (asked->change & CHANGE_FLAGS) != 0 || asked->flags != 0;
+    if (!of_flags || asked->addr_len != 0 || asked->hw_addr_len != 0 || asked->alt_addr_len != 0 || asked->tlv_marker != 0 ||
         asked->rts_hdr.rtsh_info_len != 0)
         return TARGET_EOPNOTSUPP;
     struct nl *nl = &lx_owner(client)->requests;

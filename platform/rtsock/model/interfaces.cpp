@@ -19,7 +19,9 @@ enum {
     DEVICE_KEY_OCTETS = 2,
     UNIT_KEY_OCTETS = 4,
     FAMILY_KEY_OCTETS = 5,
-    CHANGE_FLAGS = 1, CHANGE_SUBSET = 16,     // of a unit's change word
+    // Of change words. A 0 in a change means that nothing is given, unless the change says that it is about that.
+    CHANGE_FLAGS = 1,
+    CHANGE_PRIVFLAGS = 2, CHANGE_SUBSET = 16,   // of units only
     ITEM_SUBSET = 225,
     SUBSET_BITS = 16,
 };
@@ -46,13 +48,6 @@ template <typename question> struct rm_object *first_that(struct rm_kind *kind, 
     while (object != nullptr && !holds(object))
         object = rm_following(kind, object);
     return object;
-}
-
-/* A change that gives nothing but flags sets them, also to 0; elsewhere a 0 means that nothing is given. */
-bool is_zero(const void *record, size_t size)
-{
-    const auto *octets = static_cast<const uint8_t *>(record);
-    return std::all_of(octets, octets + size, [](uint8_t octet) { return octet == 0; });
 }
 
 /* --- devices ---------------------------------------------------------------------------------------------------- */
@@ -99,11 +94,7 @@ int device_check(void *draft, struct rm_object *, const struct rm_object *old)
 
 int device_change(void *draft, const void *record)
 {
-    struct ifdev_msg rest = *device(record);
-    memset(&rest.rts_hdr, 0, sizeof rest.rts_hdr);
-    rest.idx = 0;
-    rest.change = rest.flags = 0;
-    if (is_zero(&rest, sizeof rest))
+    if ((device(record)->change & CHANGE_FLAGS) != 0)
         static_cast<struct ifdev_msg *>(draft)->flags = device(record)->flags;
     return 0;
 }
@@ -214,9 +205,12 @@ int unit_change(void *draft, const void *record)
     auto *changed = static_cast<struct ifl_msg *>(draft);
     struct rts_hdr *header = &changed->rts_hdr;
     uint32_t kept = 0;
-    // A 0 means that nothing is given, unless the change is about it.
     if ((unit(record)->change & CHANGE_FLAGS) != 0)
         changed->flags = unit(record)->flags;
+    if ((unit(record)->change & CHANGE_PRIVFLAGS) != 0) {
+        changed->privflags = unit(record)->privflags;
+        changed->priv_byte = unit(record)->priv_byte;
+    }
     if (unit(record)->rts_hdr.rtsh_info_len == 0)
         return 0;
     for (uint32_t i = 0; i < header->rtsh_info_len; i++) {
@@ -364,6 +358,13 @@ struct rm_object *rm_family_at(uint32_t ifl_index, uint8_t af)
     uint8_t key[FAMILY_KEY_OCTETS];
     *rm_put32(key, ifl_index) = af;
     return rm_get(&rm_families, key);
+}
+
+struct rm_object *rm_family_behind(uint32_t ifl_index, uint8_t af)
+{
+    uint8_t key[FAMILY_KEY_OCTETS];
+    *rm_put32(key, ifl_index) = af;
+    return rm_behind(&rm_families, key);
 }
 
 void rm_families_empty(uint32_t ifl_index, struct rk_client *by)

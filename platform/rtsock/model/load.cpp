@@ -45,7 +45,13 @@ uint8_t *octets_of(const struct rm_prefix *prefix)
     return const_cast<uint8_t *>(prefix->octets);
 }
 
-int add_table(const struct rm_line *line)
+int refuse(struct rm_line *line, const char *why)
+{
+    line->wrong = why;
+    return TARGET_EINVAL;
+}
+
+int add_table(struct rm_line *line)
 {
     struct rtb_msg record = {};
     record.tid = uint16_t(number_of(line, RM_INDEX));
@@ -56,7 +62,7 @@ int add_table(const struct rm_line *line)
     return rm_add(&rm_tables, &record);
 }
 
-int add_device(const struct rm_line *line)
+int add_device(struct rm_line *line)
 {
     struct rm_line copy = *line;
     struct ifdev_msg record = {};
@@ -74,13 +80,13 @@ int add_device(const struct rm_line *line)
 }
 
 /* NAME.UNIT */
-int add_unit(const struct rm_line *line)
+int add_unit(struct rm_line *line)
 {
     char *dot = strrchr(line->name, '.');
     char *end = nullptr;
     unsigned long unit = dot != nullptr ? strtoul(dot + 1, &end, 10) : 0;
     if (dot == nullptr || end == dot + 1 || *end != '\0' || unit > UINT32_MAX)
-        return TARGET_EINVAL;
+        return refuse(line, "the name of a unit is DEVICE.NUMBER");
     *dot = '\0';
     struct ifl_msg record = {};
     record.ifl_idx = number_of(line, RM_INDEX);
@@ -94,7 +100,7 @@ int add_unit(const struct rm_line *line)
     return rm_add(&rm_units, &record);
 }
 
-int add_family(const struct rm_line *line)
+int add_family(struct rm_line *line)
 {
     struct iff_msg record = {};
     struct rts_msg_info item = {};
@@ -113,7 +119,7 @@ int add_family(const struct rm_line *line)
 }
 
 /* The address itself, and as its destination the other end or the network that its length says. */
-int add_address(const struct rm_line *line)
+int add_address(struct rm_line *line)
 {
     bool pointed = (line->seen & RM_DESTINATION) != 0;
     struct rm_prefix destination = pointed ? line->destination : line->prefix;
@@ -133,13 +139,11 @@ int add_address(const struct rm_line *line)
     return rm_add(&rm_addresses, &record);
 }
 
-int add_nexthop(const struct rm_line *line)
+int add_nexthop(struct rm_line *line)
 {
     uint8_t sockaddr[SOCKADDR_MAX] = {};
     bool inet = line->family == TARGET_AF_INET;
     struct rnh_msg record = {};
-    if (number_of(line, RM_INDEX) == 0)   // that would be: any index
-        return TARGET_EINVAL;
     record.idx = number_of(line, RM_INDEX);
     record.af = line->family;
     record.nh = uint8_t(number_of(line, RM_TYPE));
@@ -154,7 +158,7 @@ int add_nexthop(const struct rm_line *line)
     return rm_add(&rm_nexthops, &record);
 }
 
-int add_route(const struct rm_line *line)
+int add_route(struct rm_line *line)
 {
     const struct rm_object *table = rm_table_named(line->name, text_length(line->name), line->family);
     if (table == nullptr)
@@ -174,15 +178,21 @@ int add_route(const struct rm_line *line)
     return rm_add(&rm_routes, &record);
 }
 
+constexpr uint32_t NO_INDEX = 0;   // where a request that says it means any, or none
+
 constexpr struct rm_statement statements[] = {
-    { "table", "W", RM_INDEX | RM_FAMILY | RM_TENANT, RM_INDEX | RM_FAMILY, UINT16_MAX - 1, nullptr, 0, add_table },
-    { "device", "W", RM_INDEX | RM_SNMP | RM_MTU | RM_MAC | RM_DOWN, RM_INDEX, UINT16_MAX, nullptr, 0, add_device },
-    { "unit", "W", RM_INDEX | RM_SNMP | RM_TENANT | RM_LR | RM_PARENT, RM_INDEX, UINT32_MAX, nullptr, 0, add_unit },
-    { "family", "NF", RM_MTU | RM_DONOR, 0, UINT32_MAX, nullptr, 0, add_family },
-    { "address", "NFP", RM_DESTINATION, 0, UINT32_MAX, nullptr, 0, add_address },
-    { "nexthop", "N", RM_FAMILY | RM_TYPE | RM_INTERFACE | RM_ADDRESS, RM_FAMILY | RM_TYPE, UINT32_MAX,
-      rtslib_format_nexthop_type, NEXTHOP_TYPES, add_nexthop },
-    { "route", "WFP", RM_TYPE | RM_NEXTHOP, RM_TYPE | RM_NEXTHOP, 0, rtslib_format_route_type, ROUTE_TYPES, add_route },
+    { "table", "W", RM_INDEX | RM_FAMILY | RM_TENANT, RM_INDEX | RM_FAMILY, 0, UINT16_MAX - 1, nullptr, 0, add_table,
+      nullptr },
+    { "device", "W", RM_INDEX | RM_SNMP | RM_MTU | RM_MAC | RM_DOWN, RM_INDEX, NO_INDEX + 1, UINT16_MAX, nullptr, 0,
+      add_device, nullptr },
+    { "unit", "W", RM_INDEX | RM_SNMP | RM_TENANT | RM_LR | RM_PARENT, RM_INDEX, NO_INDEX + 1, UINT32_MAX, nullptr, 0,
+      add_unit, "its device or its parent" },
+    { "family", "NF", RM_MTU | RM_DONOR, 0, NO_INDEX + 1, UINT32_MAX, nullptr, 0, add_family, "its unit" },
+    { "address", "NFP", RM_DESTINATION, 0, NO_INDEX + 1, UINT32_MAX, nullptr, 0, add_address, "its family on that unit" },
+    { "nexthop", "N", RM_FAMILY | RM_TYPE | RM_INTERFACE | RM_ADDRESS, RM_FAMILY | RM_TYPE, NO_INDEX + 1, UINT32_MAX,
+      rtslib_format_nexthop_type, NEXTHOP_TYPES, add_nexthop, nullptr },
+    { "route", "WFP", RM_TYPE | RM_NEXTHOP, RM_TYPE | RM_NEXTHOP, 0, 0, rtslib_format_route_type, ROUTE_TYPES,
+      add_route, "its table or its next hop" },
 };
 
 /* All lines of a file up to the first bad one. */

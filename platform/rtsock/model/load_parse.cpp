@@ -83,15 +83,20 @@ char *next_word(struct reader *r)
     return word;
 }
 
-int read_number(const struct reader *r, const char *word, uint32_t most, uint32_t *number)
+int read_number(const struct reader *r, const char *word, uint32_t least, uint32_t most, uint32_t *number)
 {
     char *end;
     errno = 0;
     unsigned long value = strtoul(word, &end, 10);
-    if (!isdigit(static_cast<unsigned char>(*word)) || *end != '\0' || errno != 0 || value > most)
-        return fault(r, "found '%s', expected a number up to %u", word, most);
+    if (!isdigit(static_cast<unsigned char>(*word)) || *end != '\0' || errno != 0 || value < least || value > most)
+        return fault(r, "found '%s', expected a number from %u to %u", word, least, most);
     *number = uint32_t(value);
     return 0;
+}
+
+int read_index(const struct reader *r, const char *word)
+{
+    return read_number(r, word, r->statement->index_min, r->statement->index_max, &r->line->number[0]);
 }
 
 int read_family(const struct reader *r, const char *word)
@@ -115,7 +120,7 @@ int read_prefix(const struct reader *r, char *word, bool with_bits, struct rm_pr
         if (row.number != r->line->family || row.host < 0 || inet_pton(row.host, word, prefix->octets) != 1)
             continue;
         uint32_t bits = row.bits;
-        int error = slash != nullptr ? read_number(r, slash + 1, row.bits, &bits) : 0;
+        int error = slash != nullptr ? read_number(r, slash + 1, 0, row.bits, &bits) : 0;
         prefix->bits = uint16_t(bits);
         prefix->most = row.bits;
         return error;
@@ -154,7 +159,7 @@ int read_value(struct reader *r, uint32_t at)
     uint32_t *number = &r->line->number[at];
     switch (clauses[at].kind) {
     case VALUE_NUMBER:
-        return read_number(r, word, at == 0 ? r->statement->index_max : clauses[at].most, number);
+        return at == 0 ? read_index(r, word) : read_number(r, word, 0, clauses[at].most, number);
     case VALUE_FAMILY:
         return read_family(r, word);
     case VALUE_MAC:
@@ -187,7 +192,7 @@ int read_place(struct reader *r, char place)
         return fault(r, "'%s' ends too early", r->statement->word);
     switch (place) {
     case 'N':
-        return read_number(r, word, r->statement->index_max, &r->line->number[0]);
+        return read_index(r, word);
     case 'F':
         return read_family(r, word);
     case 'P':
@@ -233,21 +238,19 @@ int read_line(struct reader *r)
     return error != 0 ? error : read_late(r);
 }
 
-const char *reason(int error)
+/* Why a line whose words are good was not added. */
+int refusal(const struct reader *r, int error)
 {
-    static constexpr struct {
-        int error;
-        const char *text;
-    } rows[] = {
-        { TARGET_EEXIST, "it is there already" },
-        { TARGET_ENOENT, "what it stands on is not there" },
-        { TARGET_ENOMEM, "out of memory" },
-    };
-    for (const auto &row : rows) {
-        if (row.error == error)
-            return row.text;
-    }
-    return "a value is out of range";
+    const char *word = r->statement->word;
+    if (error == TARGET_ENOENT && r->statement->base != nullptr)
+        fault(r, "%s: %s is not there", word, r->statement->base);
+    else if (error == TARGET_EEXIST)
+        fault(r, "%s: it is there already", word);
+    else if (error == TARGET_ENOMEM)
+        fault(r, "%s: out of memory", word);
+    else
+        fault(r, "%s: %s", word, r->line->wrong != nullptr ? r->line->wrong : "its values do not go together");
+    return error;
 }
 
 }   // namespace
@@ -267,9 +270,7 @@ int rm_line_run(const struct rm_statement *statements, size_t count, char *text,
         if (result != 0)
             return result;
         result = r.statement->add(&line);
-        if (result != 0)
-            fault(&r, "%s: %s", word, reason(result));
-        return result;
+        return result != 0 ? refusal(&r, result) : 0;
     }
     return fault(&r, "found '%s', expected table, device, unit, family, address, nexthop or route", word);
 }

@@ -42,10 +42,11 @@ struct rm_line {
     uint32_t number[RM_CLAUSES];  // of clauses with a number or a type
     uint8_t mac[6];
     struct rm_prefix address, destination;
+    const char *wrong;            // what add found wrong with the values, or null
 };
 
 struct rm_statement;
-typedef int (*rm_line_func)(const struct rm_line *line);
+typedef int (*rm_line_func)(struct rm_line *line);
 
 /* What a line of a kind says: up to three words without a keyword, N number (the index), F family, P prefix, W name;
  * then clauses. */
@@ -53,10 +54,11 @@ struct rm_statement {
     const char *word;
     const char *places;
     uint32_t allowed, required;   // enum rm_clause
-    uint32_t index_max;
+    uint32_t index_min, index_max;
     const char *(*type)(int);     // name of a number, for RM_TYPE
     int types;                    // numbers that have one
     rm_line_func add;             // the target's error, or 0
+    const char *base;             // what is not there if that is ENOENT
 };
 
 /* Reads line, whose words it ends in place, by one of count statements, and adds. 0, or an error with what is wrong in

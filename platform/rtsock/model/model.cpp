@@ -10,16 +10,18 @@
 #include "platform/target.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 namespace {
 
-/* What an ordinary socket was bound to; -1: nothing. */
+/* What an ordinary socket was bound to; -1: nothing. A descriptor may be closed and given to another socket, so the
+ * socket's own number stands beside it. */
 struct binding {
     struct binding *next;
     int socket;
+    ino_t inode;
     int64_t table, interface;
 };
 
@@ -94,19 +96,31 @@ struct binding *find_binding(int socket)
     return b;
 }
 
+/* The same, or null if it was another socket that the descriptor stood for. */
+const struct binding *find_true_binding(int socket)
+{
+    struct stat now;
+    const struct binding *b = find_binding(socket);
+    return b != nullptr && fstat(socket, &now) == 0 && now.st_ino == b->inode ? b : nullptr;
+}
+
 /* Where what a socket is bound to is kept, or null with errno. */
 struct binding *binding_of(int socket)
 {
-    if (fcntl(socket, F_GETFD) < 0)
+    struct stat now;
+    if (fstat(socket, &now) < 0)
         return nullptr;
     struct binding *b = find_binding(socket);
-    if (b != nullptr)
+    if (b != nullptr && b->inode == now.st_ino)
         return b;
-    b = static_cast<struct binding *>(malloc(sizeof *b));
-    if (b != nullptr) {
-        *b = { bindings, socket, -1, -1 };
+    if (b == nullptr) {
+        b = static_cast<struct binding *>(malloc(sizeof *b));
+        if (b == nullptr)
+            return nullptr;
+        b->next = bindings;
         bindings = b;
     }
+    *b = { b->next, socket, now.st_ino, -1, -1 };
     return b;
 }
 
@@ -199,12 +213,12 @@ struct rk_kernel *rtsock_model_kernel(void)
 
 int64_t rtsock_model_bound_table(int socket)
 {
-    const struct binding *b = find_binding(socket);
+    const struct binding *b = find_true_binding(socket);
     return b != nullptr ? b->table : -1;
 }
 
 int64_t rtsock_model_bound_interface(int socket)
 {
-    const struct binding *b = find_binding(socket);
+    const struct binding *b = find_true_binding(socket);
     return b != nullptr ? b->interface : -1;
 }

@@ -42,6 +42,13 @@ int nexthop_check(void *draft, struct rm_object *, const struct rm_object *old)
     return 0;
 }
 
+/* A walk, and a deletion, for an owner heeds what is of that owner; 0 is all. */
+bool nexthop_passes(const void *request, const struct rm_object *object)
+{
+    uint8_t owner = nexthop(request)->owner;
+    return owner == 0 || owner == nexthop(object->mo_record)->owner;
+}
+
 int nexthop_held(const struct rm_object *object)
 {
     return nexthop(object->mo_record)->refcnt != 0 ? TARGET_EBUSY : 0;
@@ -55,6 +62,7 @@ struct rm_kind rm_nexthops = {
     .mk_type = 10,
     .mk_hdrlen = 732,
     .mk_key = nexthop_key,
+    .mk_passes = nexthop_passes,
     .mk_check = nexthop_check,
     .mk_held = nexthop_held,
 };

@@ -133,6 +133,7 @@ struct rm_object *rm_unit_at(uint32_t index);
 /* By device name and unit. */
 struct rm_object *rm_unit_named(const char *name, uint32_t length, uint32_t unit);
 struct rm_object *rm_family_at(uint32_t ifl_index, uint8_t family);
+struct rm_object *rm_family_behind(uint32_t ifl_index, uint8_t family);
 /* Remove what stands on a unit or on one family of it. */
 void rm_families_empty(uint32_t ifl_index, struct rk_client *by);
 void rm_addresses_empty(uint32_t ifl_index, uint8_t family, struct rk_client *by);

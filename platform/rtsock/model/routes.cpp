@@ -103,13 +103,19 @@ int route_check(void *draft, struct rm_object *fresh, const struct rm_object *ol
     if (record->prefix != nullptr)
         rm_mask_prefix(record->prefix, record->prefix_len, record->prefix_bits);
     int error = make_gateway(record, fresh);
-    if (error == 0 && fresh->mo_made == nullptr && record->nhidx != 0 && rm_nexthop_at(record->nhidx) == nullptr)
-        error = TARGET_ENOENT;
-    if (error == 0 && old == nullptr) {
+    if (error != 0)
+        return error;
+    if (record->nhidx != 0) {
+        const struct rm_object *nexthop = fresh->mo_made != nullptr ? fresh->mo_made : rm_nexthop_at(record->nhidx);
+        if (nexthop == nullptr)
+            return TARGET_ENOENT;
+        record->nh_type = static_cast<const struct rnh_msg *>(nexthop->mo_record)->nh;
+    }
+    if (old == nullptr) {
         last_ack = uint16_t(std::max(1, (last_ack + 1) & UINT16_MAX));
         record->ack_index = last_ack;
     }
-    return error;
+    return 0;
 }
 
 void route_joined(struct rm_object *object)

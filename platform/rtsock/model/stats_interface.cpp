@@ -58,14 +58,6 @@ int reply_named(struct rk_client *client, const struct rk_request *request, stru
     return rk_reply_raw(client, request, request->type, a, uint32_t(offsetof(struct asked<layout>, name) + octets));
 }
 
-/* The next one, where that is asked: the first one if the request names none. */
-struct rm_object *meant(const struct rm_kind *kind, uint8_t op, struct rm_object *object, bool names_none)
-{
-    if (op != RTM_OP_GETNEXT || (object == nullptr && !names_none))
-        return object;
-    return rm_following(kind, object);
-}
-
 /* "device.unit"; without a unit it is unit 0. */
 struct rm_object *unit_by_text(const char *text)
 {
@@ -96,10 +88,27 @@ void tell_unit(struct asked<struct iflstats_raw> *a, const struct rm_object *obj
 /* How the objects of a layout are found and named. */
 template <typename layout> struct way {
     struct rm_kind *kind;
-    struct rm_object *(*by_index)(uint32_t index);
+    uint32_t most;   // of an index
+    uint8_t *(*put_index)(uint8_t *key, uint32_t index);
     struct rm_object *(*by_text)(const char *text);
     void (*tell)(struct asked<layout> *a, const struct rm_object *object);
 };
+
+/* By name it must be there; by index a walk goes on behind one that is gone, and begins behind 0. */
+template <typename layout>
+struct rm_object *meant(const struct rk_request *request, const struct way<layout> &by, const struct asked<layout> &a)
+{
+    uint8_t key[RM_KEY_MAX];
+    bool next = request->op == RTM_OP_GETNEXT;
+    if (a.fixed.idx == 0 && a.name[0] != '\0') {
+        struct rm_object *object = by.by_text(a.name);
+        return object != nullptr && next ? rm_following(by.kind, object) : object;
+    }
+    if (a.fixed.idx > by.most)
+        return nullptr;
+    by.put_index(key, a.fixed.idx);
+    return next ? rm_behind(by.kind, key) : rm_get(by.kind, key);
+}
 
 template <typename layout>
 int serve_named(struct rk_client *client, const struct rk_request *request, const struct way<layout> &by)
@@ -108,9 +117,7 @@ int serve_named(struct rk_client *client, const struct rk_request *request, cons
     int error = read_named(request, &a);
     if (error != 0)
         return error;
-    bool has_name = a.fixed.idx == 0 && a.name[0] != '\0';
-    struct rm_object *object = has_name ? by.by_text(a.name) : by.by_index(a.fixed.idx);
-    object = meant(by.kind, request->op, object, a.fixed.idx == 0 && !has_name);
+    const struct rm_object *object = meant(request, by, a);
     if (object == nullptr)
         return TARGET_ENOENT;
     if (request->op == RTM_OP_CLEAR)
@@ -124,12 +131,13 @@ int serve_named(struct rk_client *client, const struct rk_request *request, cons
 int rm_serve_device_stats(struct rk_client *client, const struct rk_request *request)
 {
     return serve_named<struct ifdstats_raw>(client, request,
-                                            { &rm_devices, rm_device_at, device_by_text, tell_device });
+                                            { &rm_devices, UINT16_MAX, rm_put16, device_by_text, tell_device });
 }
 
 int rm_serve_unit_stats(struct rk_client *client, const struct rk_request *request)
 {
-    return serve_named<struct iflstats_raw>(client, request, { &rm_units, rm_unit_at, unit_by_text, tell_unit });
+    return serve_named<struct iflstats_raw>(client, request,
+                                            { &rm_units, UINT32_MAX, rm_put32, unit_by_text, tell_unit });
 }
 
 int rm_serve_family_stats(struct rk_client *client, const struct rk_request *request)
@@ -138,8 +146,8 @@ int rm_serve_family_stats(struct rk_client *client, const struct rk_request *req
     int error = read_fixed(request, &a);
     if (error != 0)
         return error;
-    struct rm_object *object = rm_family_at(a.ifl_idx, a.af);
-    object = meant(&rm_families, request->op, object, a.ifl_idx == 0);
+    const struct rm_object *object = request->op == RTM_OP_GETNEXT ? rm_family_behind(a.ifl_idx, a.af)
+                                                                   : rm_family_at(a.ifl_idx, a.af);
     if (object == nullptr)
         return TARGET_ENOENT;
     if (request->op == RTM_OP_CLEAR)

@@ -4,6 +4,7 @@
  * A table is a run of enveloped messages, also where replies are raw: who reads it tells messages apart by their
  * envelopes.
  */
+#include "platform/rtsock/kernel/rk_queue.h"
 #include "platform/rtsock/model/rm.h"
 
 #include "platform/target.h"
@@ -42,10 +43,21 @@ int append(struct run *to, enum rk_form form, const struct rm_kind *kind, const 
     return fits ? 0 : ENOMEM;
 }
 
+/* Whether a fault takes the call's place; errno then says which. */
+bool call_fails(void)
+{
+    if (!rk_happens(&rm_kernel.faults->failed_sysctls))
+        return false;
+    errno = target_errno_to_host(rm_kernel.faults->failed_sysctl_error);
+    return true;
+}
+
 }   // namespace
 
 int rm_sysctl(const int *name, unsigned count, void *value, size_t *length)
 {
+    if (call_fails())
+        return -1;
     constexpr unsigned parts = std::size(interface_tables) + 1;
     if (count != parts || !std::equal(std::begin(interface_tables), std::end(interface_tables), name) ||
         (name[parts - 1] != KIND_DEVICES && name[parts - 1] != KIND_UNITS)) {
@@ -68,6 +80,8 @@ int rm_sysctl(const int *name, unsigned count, void *value, size_t *length)
 
 int rm_sysctlbyname(const char *name, void *value, size_t *length, const void *set, size_t set_length)
 {
+    if (call_fails())
+        return -1;
     bool known = strcmp(name, "kern.gencfg_cfg2_peermask") == 0;
     bool fits = (value == nullptr || *length >= sizeof peer_mask) && (set == nullptr || set_length == sizeof peer_mask);
     if (!known || !fits) {

@@ -1,4 +1,5 @@
 // Devices, units, families and addresses; reading them whole; binding sockets to them.
+#include "lib/librtsock/rtslib_interface.h"
 #include "lib/librtsock/rtslib_raw.h"
 #include "tests/platform/rtsock/model/model_fixture.h"
 
@@ -74,7 +75,17 @@ TEST_F(InterfaceTest, addresses_are_named_by_what_is_given_of_them)
 TEST_F(InterfaceTest, changes_touch_what_they_give)
 {
     EXPECT_EQ(ask(5, RTM_OP_CHG_GET, ifdev_msg{ .idx = 130, .mtu = 9000 }), "130 ge-0/0/0 1 9000");
-    EXPECT_EQ(ask(5, RTM_OP_CHG_GET, ifdev_msg{ .idx = 130, .flags = 0 }), "130 ge-0/0/0 0 9000");
+    EXPECT_EQ(ask(5, RTM_OP_CHG_GET, ifdev_msg{ .idx = 130, .flags = 0 }), "130 ge-0/0/0 1 9000");
+    EXPECT_EQ(ask(5, RTM_OP_CHG_GET, ifdev_msg{ .idx = 130, .change = 1, .flags = 0 }), "130 ge-0/0/0 0 9000");
+    for (uint32_t flags : { 5U, 0U }) {   // of a unit, both kinds by their marks
+        void *reply = nullptr;
+        EXPECT_EQ(rtslib_iflm_update_flags(asker, 71, 0, 0, 0, nullptr, flags, RTM_OP_CHANGE), 0);
+        EXPECT_EQ(rtslib_iflm_update_privflags(asker, 71, 0, 0, 0, nullptr, flags, uint8_t(flags), RTM_OP_CHANGE), 0);
+        EXPECT_EQ(rtslib_iflm_get_by_index(asker, 71, RTM_OP_GET, &reply, nullptr), 0);
+        const auto *unit = static_cast<const ifl_msg *>(reply);
+        EXPECT_TRUE(unit->flags == flags && unit->privflags == flags && unit->priv_byte == flags) << flags;
+        rtslib_msg_idl_release(asker, reply);
+    }
     EXPECT_EQ(ask(5, RTM_OP_CHANGE, with_name<ifdev_msg>(lo, { .idx = 130 })), "-17");
     std::string renamed = "xe-0/0/0";
     EXPECT_EQ(ask(5, RTM_OP_CHANGE, with_name<ifdev_msg>(renamed, { .idx = 130 })), "-16");   // its units bear the name
@@ -113,7 +124,8 @@ TEST_F(InterfaceTest, statistics_are_found_by_index_and_name)
     static const struct { uint8_t op; uint32_t index; const char *name; int error; const char *says; } rows[] = {
         { RTM_OP_GET, 71, "", 0, "ge-0/0/0.5" },   { RTM_OP_GET, 0, "ge-0/0/0.5", 0, "ge-0/0/0.5" },
         { RTM_OP_GETNEXT, 0, "", 0, "lo0.0" },     { RTM_OP_GETNEXT, 0, "lo0", 0, "ge-0/0/0.0" },
-        { RTM_OP_GET, 99, "", ENOENT, "" },        { RTM_OP_CLEAR, 16, "", 0, "" },
+        { RTM_OP_GET, 99, "", ENOENT, "" },        { RTM_OP_GETNEXT, 69, "", 0, "ge-0/0/0.0" },
+        { RTM_OP_GETNEXT, 72, "", ENOENT, "" },    { RTM_OP_CLEAR, 16, "", 0, "" },
         { RTM_OP_CLEAR, 0, "lo0.1", ENOENT, "" },  { RTM_OP_ADD, 70, "", EOPNOTSUPP, "" },
     };
     for (const auto &row : rows) {
@@ -168,6 +180,8 @@ TEST_F(InterfaceTest, sockets_are_bound_to_what_is_there)
         EXPECT_EQ(rtsock_model_bound_table(fd), row.table);
         EXPECT_EQ(rtsock_model_bound_interface(fd), row.interface);
     }
+    EXPECT_EQ(dup2(listener->socket, fd), fd);   // another socket under the same number
+    EXPECT_EQ(rtsock_model_bound_interface(fd), -1);
     close(fd);
     EXPECT_TRUE(rtsock_socket_option(fd, 0, 109, 0) == -1 && errno == EBADF);
 }
