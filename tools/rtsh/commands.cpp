@@ -87,14 +87,24 @@ bool table_index(const struct rtsh &shell, const struct rtsh_request &request)
     return show_table(shell, request.text, result, answer);
 }
 
-bool table_name(const struct rtsh &shell, const struct rtsh_request &request)
+/* By name, or by index where the word is a number. */
+int get_named_table(const struct rtsh &shell, const struct rtsh_request &request, uint8_t family, reply *answer)
 {
-    if (request.name.empty())
+    bool by_name = !request.table.empty() && request.table_index == UINT32_MAX;
+    auto index = uint16_t(request.table.empty() ? 0 : request.table_index);
+    return judged(by_name ? rtslib_rtbm_get_by_name(shell.cookie, family, request.table.c_str(), &answer->message,
+                                                    &answer->mask)
+                          : rtslib_rtbm_get_by_index(shell.cookie, family, index, RTM_OP_GET, &answer->message,
+                                                     &answer->mask),
+                  *answer);
+}
+
+bool table_get(const struct rtsh &shell, const struct rtsh_request &request)
+{
+    if (request.table.empty())
         return table_list(shell, request);
     reply answer(shell);
-    int result = judged(rtslib_rtbm_get_by_name(shell.cookie, shell.family, request.name.c_str(), &answer.message,
-                                                &answer.mask),
-                        answer);
+    int result = get_named_table(shell, request, shell.family, &answer);
     return show_table(shell, request.text, result, answer);
 }
 
@@ -107,13 +117,7 @@ struct table {
 bool find_table(const struct rtsh &shell, const struct rtsh_request &request, uint8_t family, table *found)
 {
     reply answer(shell);
-    bool by_name = !request.table.empty() && request.table_index == UINT32_MAX;
-    auto index = uint16_t(request.table.empty() ? 0 : request.table_index);
-    int result = by_name ? rtslib_rtbm_get_by_name(shell.cookie, family, request.table.c_str(), &answer.message,
-                                                   &answer.mask)
-                         : rtslib_rtbm_get_by_index(shell.cookie, family, index, RTM_OP_GET, &answer.message,
-                                                    &answer.mask);
-    result = judged(result, answer);
+    int result = get_named_table(shell, request, family, &answer);
     if (result != 0)
         return rtsh_report(shell, "table " + (request.table.empty() ? "0" : request.table), result);
     const auto *record = answer.as<struct rtb_msg>();
@@ -145,11 +149,9 @@ bool is_asked(const struct rt_msg *route, const struct rtsh_request &request, co
            rtsh_prefix_text(route->prefix, route->prefix_len, route->af, route->prefix_bits) == asked;
 }
 
-bool route_get(const struct rtsh &shell, const struct rtsh_request &request)
+/* What the kernel has for the prefix that was asked for. */
+bool show_route(const struct rtsh &shell, const struct rtsh_request &request, const table &in)
 {
-    table in;
-    if (!find_table(shell, request, request.prefix.family, &in))
-        return false;
     reply answer(shell);
     int result = ask_route(shell, in, request.prefix, 0, RTM_OP_GET, &answer);
     if (result == 0 && !is_asked(static_cast<const struct rt_msg *>(answer.message), request, in))
@@ -158,6 +160,12 @@ bool route_get(const struct rtsh &shell, const struct rtsh_request &request)
         return rtsh_report(shell, request.text, result);
     rtsh_print_route(shell, answer.message, answer.mask, in.name);
     return true;
+}
+
+bool route_get(const struct rtsh &shell, const struct rtsh_request &request)
+{
+    table in;
+    return find_table(shell, request, request.prefix.family, &in) && show_route(shell, request, in);
 }
 
 bool route_match(const struct rtsh &shell, const struct rtsh_request &request)
@@ -191,8 +199,7 @@ bool route_add(const struct rtsh &shell, const struct rtsh_request &request)
                                 request.prefix.bits, via ? gateway : nullptr, &index);
     if (result != 0)
         return rtsh_report(shell, request.text, result);
-    rtsh_print_added(shell, request, in.name, index);
-    return true;
+    return show_route(shell, request, in);
 }
 
 bool route_delete(const struct rtsh &shell, const struct rtsh_request &request)
@@ -268,8 +275,10 @@ bool nexthop_list(const struct rtsh &shell, const struct rtsh_request &request)
         int result = get_nexthop(shell, index, RTM_OP_GETNEXT, &answer);
         if (result != 0)
             return walk_ended(shell, request.text, result);
-        rtsh_print_nexthop(shell, answer.message, answer.mask);
-        index = answer.as<struct rnh_msg>()->idx;
+        const auto *nexthop = answer.as<struct rnh_msg>();
+        if (!shell.family_given || nexthop->af == shell.family)
+            rtsh_print_nexthop(shell, answer.message, answer.mask);
+        index = nexthop->idx;
     }
 }
 
@@ -296,8 +305,7 @@ constexpr unsigned GATEWAYS = CLAUSE_VIA | CLAUSE_NEXTHOP;
 const struct rtsh_command rtsh_commands[] = {
     { "table", "list", OPERAND_NONE, 0, 0, 0, 0, table_list, "table list", "every table" },
     { "table", "index", OPERAND_NUMBER, UINT16_MAX, 0, 0, 0, table_index, "table index N", "the table of that index" },
-    { "table", nullptr, OPERAND_OPTIONAL_NAME, 0, 0, 0, 0, table_name, "table [NAME]",
-      "the table of that name, or every one" },
+    { "table", nullptr, OPERAND_OPTIONAL_TABLE, 0, 0, 0, 0, table_get, "table [TABLE]", "that table, or every one" },
     { "route", "get", OPERAND_PREFIX, 0, ROUTE_CLAUSES, 0, ROUTE_ANY, route_get,
       "route get PREFIX [table TABLE] [type TYPE]", "the route to exactly that prefix" },
     { "route", "match", OPERAND_PREFIX, 0, CLAUSE_TABLE, 0, 0, route_match, "route match ADDRESS [table TABLE]",
@@ -310,7 +318,8 @@ const struct rtsh_command rtsh_commands[] = {
       "every route of the table" },
     { "nexthop", "get", OPERAND_NUMBER, UINT32_MAX, 0, 0, 0, nexthop_get, "nexthop get N",
       "the next hop of that index" },
-    { "nexthop", "list", OPERAND_NONE, 0, 0, 0, 0, nexthop_list, "nexthop list", "every next hop" },
+    { "nexthop", "list", OPERAND_NONE, 0, 0, 0, 0, nexthop_list, "nexthop list",
+      "every next hop, or those of --family" },
     { "nexthop", "delete", OPERAND_NUMBER, UINT32_MAX, 0, 0, 0, nexthop_delete, "nexthop delete N",
       "takes it out" },
     {},

@@ -54,7 +54,8 @@ void print_help(void)
     fputs("A TABLE is a name or an index; without one it is table 0. A TYPE is a name such as user, or a number.\n"
           "  --kernel linux|model   the host's kernel, or an empty one of the program's own\n"
           "  --load FILE            fill the model kernel from a file\n"
-          "  --family FAMILY        of tables, next hops and routes listed: inet, inet6, iso, ...; inet if not given\n"
+          "  --family FAMILY        of tables and routes, inet if not given; of next hops listed, all if not given:\n"
+          "                         inet, inet6, iso, ...\n"
           "  --all                  print every field\n"
           "  --brief                print messages as traces show them\n"
           "  --version              print the release\n"
@@ -82,6 +83,7 @@ std::string set_load(struct options *options, const std::string &value)
 std::string set_family(struct options *options, const std::string &value)
 {
     bool good = rtsh_number_named(RTSH_FAMILIES, value, &options->shell.family);
+    options->shell.family_given = good;
     return good ? "" : "'" + value + "' is no address family";
 }
 

@@ -81,7 +81,8 @@ std::string parse_clauses(const std::vector<std::string> &words, size_t at, cons
 
 std::string parse_operand(const std::string &word, const struct rtsh_command &command, struct rtsh_request *request)
 {
-    request->name = word;
+    if (command.operand == OPERAND_OPTIONAL_TABLE)
+        return parse_table(word, request);
     if (command.operand == OPERAND_PREFIX)
         return rtsh_parse_prefix(word, &request->prefix);
     if (command.operand == OPERAND_NUMBER && !rtsh_parse_number(word, command.limit, &request->number))
@@ -133,7 +134,7 @@ std::string rtsh_parse(const std::vector<std::string> &words, struct rtsh_reques
         std::string wrong = parse_operand(words[at++], *row, request);
         if (!wrong.empty())
             return wrong;
-    } else if (row->operand != OPERAND_NONE && row->operand != OPERAND_OPTIONAL_NAME) {
+    } else if (row->operand != OPERAND_NONE && row->operand != OPERAND_OPTIONAL_TABLE) {
         return std::string("usage is ") + row->usage;
     }
     return parse_clauses(words, at, *row, request);

@@ -135,19 +135,6 @@ void rtsh_print_nexthop(const struct rtsh &shell, const void *message, const voi
                    number_unless_zero("references", nexthop.refcnt));
 }
 
-void rtsh_print_added(const struct rtsh &shell, const struct rtsh_request &request, const std::string &table,
-                      uint16_t index)
-{
-    const struct rtsh_prefix &prefix = request.prefix;
-    bool via = (request.clauses & CLAUSE_VIA) != 0;
-    fprintf(shell.out, "%s type %s %s table %s%s\n",
-            rtsh_prefix_text(prefix.octets, sizeof prefix.octets, prefix.family, prefix.bits).c_str(),
-            rtsh_name(RTSH_ROUTE_TYPES, request.type).c_str(),
-            via ? ("via " + rtsh_address_text(request.via.octets, request.via.bits / 8U, prefix.family)).c_str()
-                : ("nexthop " + std::to_string(request.nexthop)).c_str(),
-            table.c_str(), number_unless_zero("ack", index).c_str());
-}
-
 std::string rtsh_text(const char *text, uint32_t length)
 {
     return text != nullptr ? std::string(text, strnlen(text, length)) : "";
@@ -161,8 +148,10 @@ bool rtsh_report(const struct rtsh &shell, const std::string &what, int result)
         rtsh_complain(shell, what + ": " + row.name + " (" + std::to_string(result) + "): " + row.text);
         return false;
     }
-    std::string text = result < 0 ? "the reply does not belong to the request" : strerror(target_errno_to_host(result));
-    rtsh_complain(shell, what + ": error " + std::to_string(result) + ": " + text);
+    int host = target_errno_to_host(result);
+    const char *name = result > 0 ? strerrorname_np(host) : nullptr;
+    std::string text = result < 0 ? "the reply does not belong to the request" : strerror(host);
+    rtsh_complain(shell, what + ": " + (name != nullptr ? name : "error") + " (" + std::to_string(result) + "): " + text);
     return false;
 }
 

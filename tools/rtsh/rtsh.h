@@ -23,6 +23,7 @@ struct rtsh {
     bool all = false;               // every field of a record
     bool brief = false;             // as traces show messages
     uint8_t family = 0;             // of tables and next hops, where nothing else tells it
+    bool family_given = false;      // or else it is the usual one
     uint32_t line = 0;              // of standard input, 0: the command stands on the command line
 };
 
@@ -37,11 +38,10 @@ enum { CLAUSE_TABLE = 1, CLAUSE_VIA = 2, CLAUSE_NEXTHOP = 4, CLAUSE_TYPE = 8 };
 
 struct rtsh_request {
     std::string text;                // as typed, for messages
-    std::string name;                // the object's; empty: none was given
     uint32_t number = 0;             // the object's
     struct rtsh_prefix prefix;       // the object's
     unsigned clauses = 0;            // that were given
-    std::string table;               // name or index
+    std::string table;               // name or index; empty: none was given
     uint32_t table_index = UINT32_MAX;   // not an index: table is a name
     struct rtsh_prefix via;          // an address: all its bits
     uint32_t nexthop = 0;
@@ -52,7 +52,7 @@ struct rtsh_request {
 typedef bool (*rtsh_run_func)(const struct rtsh &shell, const struct rtsh_request &request);
 
 /* What stands for the object of a command. */
-enum rtsh_operand { OPERAND_NONE, OPERAND_NAME, OPERAND_OPTIONAL_NAME, OPERAND_NUMBER, OPERAND_PREFIX };
+enum rtsh_operand { OPERAND_NONE, OPERAND_OPTIONAL_TABLE, OPERAND_NUMBER, OPERAND_PREFIX };
 
 struct rtsh_command {
     const char *object, *verb;       // verb null: any word that is not a verb of this object
@@ -101,9 +101,6 @@ void rtsh_print_table(const struct rtsh &shell, const void *message, const void 
 void rtsh_print_route(const struct rtsh &shell, const void *message, const void *mask, const std::string &table);
 void rtsh_print_match(const struct rtsh &shell, const void *message, const void *mask, const std::string &table);
 void rtsh_print_nexthop(const struct rtsh &shell, const void *message, const void *mask);
-/* A route as it was asked for, with the index that the kernel gave it. */
-void rtsh_print_added(const struct rtsh &shell, const struct rtsh_request &request, const std::string &table,
-                      uint16_t index);
 
 /* A text of a record, which may end without a terminator; null allowed. */
 std::string rtsh_text(const char *text, uint32_t length);

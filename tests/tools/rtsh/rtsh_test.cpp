@@ -17,7 +17,8 @@ static const struct {
     { "table", "", 0,
       "default index 0 family inet\ninet.0 index 4 family inet\nblue index 5 family inet tenant 9\n" },
     { "--family inet6 table list", "", 0, "default index 0 family inet6\ninet6.0 index 4 family inet6\n" },
-    { "-", "table blue\ntable index 4", 0, "blue index 5 family inet tenant 9\ninet.0 index 4 family inet\n" },
+    { "-", "table blue\ntable index 4\ntable 5", 0,
+      "blue index 5 family inet tenant 9\ninet.0 index 4 family inet\nblue index 5 family inet tenant 9\n" },
     { "route list table inet.0", "", 0,
       "0.0.0.0/0 type user nexthop 512 table inet.0 ack 2\n10.0.0.0/8 type user nexthop 512 table inet.0 ack 3\n"
       "10.64.0.0/10 type intf nexthop 513 table inet.0 ack 4\n" },
@@ -30,6 +31,8 @@ static const struct {
       "512 family inet type ucst interface 70 address 10.1.1.1 references 2\n"
       "513 family inet type rjct references 3\n"
       "514 family inet6 type ucst interface 70 address 2001:db8::1 references 1\n" },
+    { "--family inet6 nexthop list", "", 0,
+      "514 family inet6 type ucst interface 70 address 2001:db8::1 references 1\n" },
     { "--brief route get 10.0.0.0/8 table blue", "", 0, "*route*get*10/8*\n" },
     // changes live from line to line
     { "-", "route add 172.16.0.0/12 table blue nexthop 512\nroute get 172.16.0.0/12 table 5 # there\n\n"
@@ -38,7 +41,7 @@ static const struct {
       "rtsh: line 5: route get 172.16.0.0/12 table blue: ENOENT (2): no such object\n" },
     { "-", "route add 2001:db8:1::/48 via 2001:db8::9 table inet6.0 type 5\nroute get 2001:db8:1::/48 table inet6.0\n"
            "nexthop get 1\nroute delete 2001:db8:1::/48 table inet6.0 type 5\nnexthop get 1", 1,
-      "2001:db8:1::/48 type perm via 2001:db8::9 table inet6.0 ack 7\n"
+      "2001:db8:1::/48 type perm nexthop 1 table inet6.0 ack 7\n"
       "2001:db8:1::/48 type perm nexthop 1 table inet6.0 ack 7\n"
       "1 family inet6 type ucst address 2001:db8::9 references 1\n"
       "rtsh: line 5: nexthop get 1: ENOENT (2): no such object\n" },
