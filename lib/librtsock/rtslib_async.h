@@ -8,8 +8,8 @@
  *
  * A handler owns its message: rtslib_msg_free for one that came raw, rtslib_msg_idl_release for a decoded one. Which of
  * the two a type is, the client knows; nothing in the message tells, and a kernel that sends the other one is believed.
- * A handler, and the sink of sequence errors, may register and unregister, end the asynchronous context, and destroy the
- * cookie; the loop then ends behind it, or goes on in a context made anew. They must not read this cookie. The error
+ * A handler, and the sink of sequence errors, may register and unregister, end the asynchronous context, and destroy
+ * the cookie; the loop then ends behind it, or goes on in a context made anew. They must not read this cookie. The error
  * sink, donor tracking's callback and the functions that decompress blobs may do none of this.
  */
 #pragma once
@@ -64,7 +64,11 @@ enum rtslib_async_mode : uint32_t {
     RTSLIB_ASYNC_MODE_MASK = 0x3ff9f,
 };
 
-/* What a cookie's ext_select points to in that mode; func is called with the cookie as uap. */
+/* What a cookie's ext_select points to in that mode; func is called with the cookie as uap. fd is for this cookie
+ * alone: of two that share it, the event library calls func with the first one only, and the end of either is the end
+ * of both selections. Nothing reads the socket then until somebody calls rtslib_async_event_process. Whoever shares the
+ * cookie, a thread that wakes fd for one, shares it without a lock: one function on it at a time, registrations and the
+ * end of the context included. */
 struct rtslib_ext_select {
     uintptr_t client[2];   // the client's
     evFileFunc func;

@@ -10,8 +10,9 @@
  *
  * Names are sent with their terminator, cut to IFL_NAME_SIZE octets with it, without a report; a null one is not sent.
  * Addresses of devices and gateways are sockaddrs in the target's form (length, family, ...), null or of length 0 for
- * none. Prefixes are octets in network order, and a length in bits; (bits + 7) / 8 octets are read. Arguments named
- * aux_* are only carried. What is called change says which parts of the object a change is about.
+ * none. Prefixes are octets in network order, and a length in bits; (bits + 7) / 8 octets are read. One without bits is
+ * not sent; for addresses, 22 for bits without octets. Arguments named aux_* are only carried. What is called change
+ * says which parts of the object a change is about.
  */
 #pragma once
 
@@ -44,7 +45,8 @@ int rtslib_ifxm_get_all(struct rtslib_cookie *cookie, int kind, struct rtslib_ms
  * that is no run of whole elements; a null one is none.
  *
  * A client may convert the stream itself: message begins a buffer of RTSLIB_MSG_MAX octets, *cursor is where its free
- * room begins; items go in by rtsm_info_user_add. 0, or an error number: nothing is sent then. */
+ * room begins; items go in by rtsm_info_user_add. Stream and length come as they were given, null too. 0, or an error
+ * number: nothing is sent then, and a negative one becomes 22. */
 typedef int (*rtslib_tlv_converter)(void *message, uint8_t **cursor, const void *stream, uint32_t length);
 
 /* No replies. */
@@ -73,7 +75,8 @@ int rtslib_iflm_get_by_device(struct rtslib_cookie *cookie, uint16_t device_inde
 int rtslib_iflm_get_by_snmp_index(struct rtslib_cookie *cookie, uint32_t snmp_index, uint8_t operation, void **message,
                                   void **mask);
 
-/* No replies. The last three change: they take RTM_OP_CHANGE, else 45. */
+/* No replies. The last three change: those with an operation take RTM_OP_CHANGE, else 45. Flags and private flags can
+ * be set to 0. */
 int rtslib_iflm_update(struct rtslib_cookie *cookie, uint32_t index, uint32_t device_index, uint32_t unit,
                        uint32_t snmp_index, const char *name, const void *gateway, uint8_t operation);
 int rtslib_iflm_update_flags(struct rtslib_cookie *cookie, uint32_t index, uint32_t device_index, uint32_t unit,

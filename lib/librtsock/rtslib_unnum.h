@@ -22,14 +22,15 @@ typedef void (*rtslib_unnum_ifa_func)(uintptr_t value, uint8_t operation, uint8_
  * block (rtslib_async.h); 12. */
 int rtslib_unnum_ifa_register_callback(struct rtslib_cookie *cookie, rtslib_unnum_ifa_func func);
 /* With add other than 0, borrower (a logical interface) hears of donor from now on, otherwise no longer. 22 without
- * tracking, for a family other than TARGET_AF_INET and TARGET_AF_INET6, and for a value of UINTPTR_MAX; 17 for a
- * borrower that is there already, 2 for one that is not; 12; -1 if no second connection can be made at the first call.
- * value goes to the callback, and counts when adding only. */
+ * tracking and for a family other than TARGET_AF_INET and TARGET_AF_INET6; 17 for a borrower that is there already, 2
+ * for one that is not; 12; -1 if no second connection can be made at the first call. value goes to the callback, and
+ * counts when adding only. */
 int rtslib_unnum_ifa_register_interest(struct rtslib_cookie *cookie, uint32_t borrower, uint32_t donor, uint8_t family,
                                        uint8_t add, uintptr_t value);
 
-/* The interface that the unnumbered one with that index borrows from. 22 if it is not unnumbered; 2 if the kernel names
- * none; or the error of the request. *donor is written on success only. */
+/* The interface that the unnumbered one with that index borrows from. 22 if it is not unnumbered, and for a null donor;
+ * 2 if the kernel names none or answers with another kind of object; or the error of the request. *donor is written on
+ * success only. */
 int rtslib_unnum_get_donor_ifl_idx(struct rtslib_cookie *cookie, uint32_t ifl_idx, uint8_t family, uint32_t *donor);
 
 /* The read loop's. Keeps what a decoded ifa_msg tells, the address copied, until the report. 0, or -1: there is nobody

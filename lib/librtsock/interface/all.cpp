@@ -7,6 +7,7 @@
 
 #include <errno.h>
 
+#include <algorithm>
 #include <iterator>
 
 namespace {

@@ -16,12 +16,14 @@ struct device_data {
     uint32_t length;
 };
 
+/* What a null stream means to a converter of the client's, that converter knows. */
 void put_stream(struct rtslib_parts *parts, struct ifdev_msg *request, const device_data &data)
 {
-    if (data.stream == nullptr || parts->error != 0)
+    if ((data.stream == nullptr && data.converter == nullptr) || parts->error != 0)
         return;
     rtslib_tlv_converter convert = data.converter != nullptr ? data.converter : rtslib_convert_device;
-    parts->error = convert(request, &parts->cursor, data.stream, data.length);
+    int error = convert(request, &parts->cursor, data.stream, data.length);
+    parts->error = error < 0 ? int(TARGET_EINVAL) : error;
     request->tlv_marker = 1;
 }
 

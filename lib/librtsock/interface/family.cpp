@@ -19,6 +19,10 @@ struct address_name {
 
 void put_address(struct ifa_msg *request, struct rtslib_parts *parts, const address_name &name)
 {
+    if ((name.dest == nullptr && name.dest_bits != 0) || (name.local == nullptr && name.local_bits != 0)) {
+        parts->error = TARGET_EINVAL;
+        return;
+    }
     request->ifl_idx = name.index;
     request->af = name.family;
     request->dest_bits = name.dest_bits;

@@ -2,8 +2,8 @@
  * The C library's functions about interface names, for the interfaces of the routing socket.
  *
  * They stand in a source of their own: whoever links them gets them for the whole program. The connection is made at
- * first use and kept. Nothing asks whether it could be made: a request without one fails like any other, and the next
- * call tries again.
+ * first use and kept; if it could not be made, the next call tries again. The two that find one interface do not ask: a
+ * request without a connection fails like any other.
  */
 #include "lib/librtsock/ifl.h"
 #include "lib/librtsock/interface/exchange.h"
@@ -84,8 +84,10 @@ char *if_indextoname(unsigned int index, char *name) noexcept
 
 struct if_nameindex *if_nameindex(void) noexcept
 {
+    if (connection() == nullptr)
+        return nullptr;   // errno tells why
     struct rtslib_msg_list *list = nullptr;
-    int error = rtslib_iflm_get_all(connection(), &list);
+    int error = rtslib_iflm_get_all(shared_cookie, &list);
     if (error != 0) {
         errno = rtslib_errno_of(error);
         return nullptr;

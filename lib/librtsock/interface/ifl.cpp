@@ -145,7 +145,7 @@ template <typename operation> int on_own_connection(operation run)
 {
     struct rtslib_cookie *cookie = rtslib_open(SENDER_ID);
     if (cookie == nullptr)
-        return target_errno_from_host(errno);
+        return errno != 0 ? target_errno_from_host(errno) : int(TARGET_EIO);
     int error = run(cookie);
     rtslib_close(cookie);
     return error >= 0 ? error : int(TARGET_EIO);

@@ -2,8 +2,9 @@
  * Lists of messages.
  *
  * What a list owns is told by its kind, and by lent: a buffer of raw messages that it was filled from stays the
- * filler's, though the kind is that of decoded ones. The first message decides on version and type; count and free are
- * 16 bits, so a list ends at 65535 messages.
+ * filler's, though the kind is that of decoded ones. Filling gives the list version and type of the last message, and
+ * nothing asks that they be alike; adding goes by the first one. count and free are 16 bits, so a list ends at 65535
+ * messages.
  */
 #include "lib/librtsock/rtslib_list.h"
 #include "lib/librtsock/io_private.h"
@@ -92,6 +93,20 @@ int make_arrays(struct rtslib_cookie *cookie, struct rtslib_msg_list *list, size
     return 0;
 }
 
+bool is_alike(const void *first, const void *message)
+{
+    const auto *a = static_cast<const struct rts_hdr *>(first), *b = static_cast<const struct rts_hdr *>(message);
+    return a->rtsh_type == b->rtsh_type && a->rtsh_version == b->rtsh_version;
+}
+
+/* Messages of the array that are blocks of their own. */
+uint32_t owned_blocks(const struct rtslib_msg_list *list)
+{
+    if (list->lent != 0)
+        return 0;
+    return list->kind == RTSLIB_LIST_BUFFER ? std::min<uint32_t>(list->count, 1) : list->count;
+}
+
 /* 0 or 12. */
 int make_room(struct rtslib_cookie *cookie, struct rtslib_msg_list *list)
 {
@@ -122,8 +137,8 @@ int rtslib_msg_list_add(struct rtslib_cookie *cookie, struct rtslib_msg_list *li
 {
     if (cookie == nullptr || list == nullptr || message == nullptr || list->lent != 0)
         return TARGET_EINVAL;
-    const auto *header = static_cast<const struct rts_hdr *>(message);
-    if (list->count > 0 && (header->rtsh_type != list->type || header->rtsh_version != list->version))
+    // A buffer of messages cannot be freed one by one.
+    if (list->count > 0 && (list->kind == RTSLIB_LIST_BUFFER || !is_alike(list->array[0], message)))
         return TARGET_EINVAL;
     int error = make_room(cookie, list);
     if (error != 0)
@@ -164,9 +179,11 @@ void rtslib_msg_list_free(struct rtslib_cookie *cookie, struct rtslib_msg_list *
 {
     if (list == nullptr)
         return;
-    for (uint32_t i = 0; i < list->count && list->lent == 0; i++)
+    uint32_t blocks = owned_blocks(list);
+    for (uint32_t i = 0; i < blocks; i++)
         rtslib_msg_free(cookie, list->array[i]);
     rtslib_msg_free(cookie, list->array);
-    rtslib_msg_free(cookie, list->masks);
+    if (list->kind == RTSLIB_LIST_DECODED)
+        rtslib_msg_free(cookie, list->masks);
     rtslib_msg_free(cookie, list);
 }

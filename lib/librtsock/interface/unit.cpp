@@ -6,7 +6,8 @@
 
 namespace {
 
-enum { CHANGE_FLAGS = 1 };   // of ifl_msg's change
+/* Of ifl_msg's change: what is there counts, also where it is 0. */
+enum { CHANGE_FLAGS = 1, CHANGE_PRIVFLAGS = 2 };
 
 struct unit_name {
     uint32_t index, device_index, unit, snmp_index;
@@ -81,7 +82,7 @@ int rtslib_iflm_update_flags(struct rtslib_cookie *cookie, uint32_t index, uint3
     return change(cookie, { index, device_index, unit, snmp_index, name }, operation,
                   [=](struct ifl_msg *request, struct rtslib_parts *) {
                       request->flags = flags;
-                      request->change = CHANGE_FLAGS;   // also when they are all 0
+                      request->change = CHANGE_FLAGS;
                   });
 }
 
@@ -93,6 +94,7 @@ int rtslib_iflm_update_privflags(struct rtslib_cookie *cookie, uint32_t index, u
                   [=](struct ifl_msg *request, struct rtslib_parts *) {
                       request->privflags = privflags;
                       request->priv_byte = priv_byte;
+                      request->change = CHANGE_PRIVFLAGS;
                   });
 }
 

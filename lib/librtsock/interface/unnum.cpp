@@ -1,12 +1,9 @@
 /*
  * Donor tracking.
  *
- * For each family a table of donors, in it an entry with a table of borrowers; these map the borrower to the value that
- * its client gave. A donor's entry is made with its first borrower and stays until the end of tracking. One event is
- * kept at a time, between the moment the read loop sees it and the report; an event that comes meanwhile, from a handler
- * that reads by itself, is refused.
- *
- * A table holds no 0, but a client may give one: what is stored is the value's complement.
+ * For each family a table of donors, in it an entry with a table of borrowers. A donor's entry is made with its first
+ * borrower and stays until the end of tracking. One event is kept at a time, between the moment the read loop sees it
+ * and the report; an event that comes meanwhile, from a handler that reads by itself, is refused.
  */
 #include "lib/librtsock/rtslib_unnum.h"
 #include "lib/itable/itable.h"
@@ -22,8 +19,14 @@ enum donor_family { DONORS_INET, DONORS_INET6, DONORS_OTHER, DONOR_FAMILIES };
 enum {
     SENDER_ID = 3,
     NO_FAMILY = -1,
+    TYPE_FAMILY = 7,                // message type of families of logical interfaces
     FLAG_UNNUMBERED = 0x20000000,   // of iff_msg's flags
     ITEM_DONOR = 183,
+};
+
+/* A table cannot hold every value that a client may give, so it holds where the value stands. */
+struct borrower {
+    uintptr_t value;
 };
 
 struct donor {
@@ -68,8 +71,18 @@ struct donor *find_donor(const struct rtslib_unnum *unnum, int row, uint32_t ind
     return reinterpret_cast<struct donor *>(itable32_lookup(unnum->donors[row], &index));
 }
 
+/* Takes the borrower's place in the table, too. */
+void free_borrower(struct donor *donor, uint32_t index)
+{
+    rtslib_free(MEMID_RTSLIB_BORROWER, reinterpret_cast<void *>(itable32_lookup(donor->borrowers, &index)));
+    itable32_remove(donor->borrowers, &index);
+}
+
 void free_donor(struct donor *donor)
 {
+    uint32_t index;
+    while (donor->borrowers != nullptr && itable32_getnext(donor->borrowers, nullptr, &index) != 0)
+        free_borrower(donor, index);
     (void)itable32_destroy(donor->borrowers);
     rtslib_free(MEMID_RTSLIB_BORROWER, donor);
 }
@@ -101,8 +114,14 @@ int add_borrower(struct rtslib_unnum *unnum, int row, uint32_t index, uint32_t b
         return TARGET_ENOMEM;
     if (itable32_lookup(donor->borrowers, &borrower) != 0)
         return TARGET_EEXIST;
-    if (itable32_insert(donor->borrowers, ~value, &borrower) != ITABLE_DONE)
+    auto *made = static_cast<struct borrower *>(rtslib_calloc(MEMID_RTSLIB_BORROWER, 1, sizeof(struct borrower)));
+    if (made == nullptr)
         return TARGET_ENOMEM;
+    made->value = value;
+    if (itable32_insert(donor->borrowers, reinterpret_cast<uintptr_t>(made), &borrower) != ITABLE_DONE) {
+        rtslib_free(MEMID_RTSLIB_BORROWER, made);
+        return TARGET_ENOMEM;
+    }
     donor->count++;
     return 0;
 }
@@ -112,7 +131,7 @@ int remove_borrower(struct rtslib_unnum *unnum, int row, uint32_t index, uint32_
     struct donor *donor = find_donor(unnum, row, index);
     if (donor == nullptr || itable32_lookup(donor->borrowers, &borrower) == 0)
         return TARGET_ENOENT;
-    itable32_remove(donor->borrowers, &borrower);
+    free_borrower(donor, borrower);
     donor->count--;
     return 0;
 }
@@ -143,12 +162,13 @@ int save(struct rtslib_cookie *cookie, struct event *saved, const struct ifa_msg
 void call_borrowers(const struct rtslib_unnum *unnum, const struct donor *donor)
 {
     const struct event *saved = &unnum->saved;
-    uint32_t borrower;
+    uint32_t index;
     const uint32_t *from = nullptr;
-    while (uintptr_t stored = itable32_getnext(donor->borrowers, from, &borrower)) {
-        from = &borrower;
+    while (uintptr_t stored = itable32_getnext(donor->borrowers, from, &index)) {
+        from = &index;
+        uintptr_t value = reinterpret_cast<const struct borrower *>(stored)->value;
         if (unnum->func != nullptr)
-            unnum->func(~stored, saved->operation, saved->family, saved->address, saved->length, saved->aux_half);
+            unnum->func(value, saved->operation, saved->family, saved->address, saved->length, saved->aux_half);
     }
 }
 
@@ -171,7 +191,7 @@ int rtslib_unnum_ifa_register_interest(struct rtslib_cookie *cookie, uint32_t bo
                                        uint8_t add, uintptr_t value)
 {
     int row = family_row(family);
-    if (cookie == nullptr || cookie->unnum == nullptr || row == NO_FAMILY || (add != 0 && value == UINTPTR_MAX))
+    if (cookie == nullptr || cookie->unnum == nullptr || row == NO_FAMILY)
         return TARGET_EINVAL;
     struct rtslib_unnum *unnum = cookie->unnum;
     if (unnum->interest == nullptr)
@@ -183,6 +203,8 @@ int rtslib_unnum_ifa_register_interest(struct rtslib_cookie *cookie, uint32_t bo
 
 int rtslib_unnum_get_donor_ifl_idx(struct rtslib_cookie *cookie, uint32_t ifl_idx, uint8_t family, uint32_t *donor)
 {
+    if (donor == nullptr)
+        return TARGET_EINVAL;
     void *message = nullptr;
     int result = rtslib_iffm_get_by_index(cookie, ifl_idx, family, RTM_OP_GET, &message, nullptr);
     if (result != 0)
@@ -190,6 +212,11 @@ int rtslib_unnum_get_donor_ifl_idx(struct rtslib_cookie *cookie, uint32_t ifl_id
     if (message == nullptr)
         return TARGET_ENOENT;
     const auto *found = static_cast<const struct iff_msg *>(message);
+    // A late answer to another question would be read as what it is not: it is as good as none.
+    if (found->rts_hdr.rtsh_type != TYPE_FAMILY) {
+        rtslib_msg_idl_release(cookie, message);
+        return TARGET_ENOENT;
+    }
     bool is_unnumbered = (found->flags & FLAG_UNNUMBERED) != 0;
     result = is_unnumbered ? TARGET_ENOENT : TARGET_EINVAL;
     for (uint32_t i = 0; is_unnumbered && i < found->rts_hdr.rtsh_info_len; i++) {

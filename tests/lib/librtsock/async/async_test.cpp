@@ -89,11 +89,16 @@ TEST_F(AsyncTest, WakeUps)
           { CORRUPT "(0) (23 bytes left)", CORRUPT "(23) (30 bytes left)", CORRUPT "(-2147483648) (24 bytes left)" } },
         { { one, octets(23), two }, 1, 10, EIO, "5:1 ", { "4 FATAL ERROR msg read too small for header: 23\n" } },
         { { one + one, two }, 0x401, 10, 0, "5:1 5:1 ", { "4 FATAL ERROR Incorrect message length. 232 != 464" } },
-        // What nobody takes: raw, without a codec, broken, compressed. The envelope's type counts.
+        // What nobody takes: raw, without a codec (unknown, unwanted, wanted), broken, compressed. The envelope's type
+        // counts.
         { { typed(raw(24, 24), 110), typed(raw(24, 24, 2), 109) }, 1, 10, 0, "",
           { "2 WARNING received async message of unknown type: 110\n",
             "3 ERROR received async message with no handler: 109\n" } },
-        { { spoilt(one, 8, 85), spoilt(two, 8, 0), spoilt(one, 8, 6), one }, 1, 10, 0, "4:0 5:1 ",
+        { { spoilt(one, 8, 110), spoilt(one, 11, 0x80), spoilt(two, 8, 85) }, 1, 10, 0, "",
+          { "2 WARNING received async message of unknown type: 110\n",
+            "2 WARNING received async message of unknown type: -2147483647\n",
+            "3 ERROR received async message with no handler: 85\n" } },
+        { { spoilt(one, 8, 15), spoilt(two, 8, 0), spoilt(one, 8, 6), one }, 1, 10, 0, "4:0 5:1 ",
           { FAILED "(45)\n", "0 DEBUG IDL IDR Decode Error -1(Garbled Message)", FAILED "(22)\n" } },
         { { wire(&blob, 72), one }, 1, 10, 0, "5:1 ", { "3 ERROR Compression was not initialized for rtslib\n" } },
     };
@@ -101,6 +106,7 @@ TEST_F(AsyncTest, WakeUps)
     EXPECT_EQ(rtslib_rtbm_async_register(cookie, 5, handler), 0);
     EXPECT_EQ(rtslib_iflm_async_register(cookie, 6, handler), 0);
     EXPECT_EQ(rtslib_gencfg_async_register(cookie, 7, handler), 0);
+    EXPECT_EQ(rtslib_setup_async_registration(cookie, 15, 0, 0, 8, handler), 0);
     for (const auto &row : rows) {
         cookie->seq = 1;
         EXPECT_EQ(rtslib_set_async_mode(cookie, row.mode), 0);
@@ -112,6 +118,40 @@ TEST_F(AsyncTest, WakeUps)
         octets room(1000);
         while (rtsock_read(cookie->socket, room.data(), room.size()) >= 0) continue;
     }
+}
+
+[[gnu::format(printf, 4, 0)]]
+static void log_whole_line(int level, const char *, const char *const *, const char *format, va_list args)
+{
+    char text[200];
+    vsnprintf(text, sizeof text, format, args);
+    const std::string said = std::to_string(level) + text, start = "7rtslib_async_event_process, async_test read ";
+    EXPECT_EQ(said.substr(0, start.size()), start);
+    logged.push_back(said.substr(start.size()));
+}
+
+TEST_F(AsyncTest, DebugLog)
+{
+    logging_register_logfunc(log_whole_line);
+    rtslib_async_set_io_debug(1);
+    EXPECT_EQ(rtslib_rtbm_async_register(cookie, 5, handler), 0);
+    for (bool one_message : { false, true }) {
+        logged.clear();
+        EXPECT_EQ(rtslib_set_async_mode(cookie, one_message ? 0x401 : 1), 0);
+        rtslib_async_set_num_read_msg(cookie, 2);
+        deliver(one_message ? table_reply(1) : table_reply(1) + table_reply(2));
+        deliver(table_reply(3));
+        EXPECT_EQ(wake_up(), 0);
+        const lines rows[] = {
+            { "464 bytes\n", "and processed 2 msgs\n", "232 bytes\n", "and processed 1 msgs\n",
+              "3 msgs with 2 read calls before return to select\n" },
+            { "232 bytes\n", "one msg with bulk disabled.\n", "and processed 1 msgs\n", "232 bytes\n",
+              "one msg with bulk disabled.\n", "and processed 1 msgs\n",
+              "2 msgs with 2 read calls before return to select\n" },
+        };
+        EXPECT_EQ(logged, rows[one_message]);
+    }
+    rtslib_async_set_io_debug(0);
 }
 
 TEST_F(AsyncTest, WhatCannotBeRead)
@@ -198,6 +238,8 @@ TEST_F(AsyncTest, Subtypes)
         EXPECT_EQ(add(50, 1, 0, 1), room < 2 ? 12 : -1);
     }
     allowance = 1000;
+    // But what the last step had begun with: selection and class.
+    EXPECT_TRUE(cookie->async_info->ev_state == RTSLIB_EV_SELECTED && cookie->async_info->listen_lo == 2);
     EXPECT_TRUE(blocks.count(MEMID_RTSLIB_SUBTYPE) == 0 && blocks.count(MEMID_RTSLIB_ASYNC_REG) == 0);
     EXPECT_TRUE(add(50, 2, 0, 1) == 22 && add(111, 1, 0, 1) == 22);
     EXPECT_EQ(add(50, 1, 0, 1), 0);

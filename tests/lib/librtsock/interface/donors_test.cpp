@@ -47,7 +47,7 @@ TEST_F(InterfaceTest, DonorsAreTracked)
     } rows[] = {
         { 5, TARGET_AF_ISO, 1, 1, 22 },  { 5, TARGET_AF_INET, 0, 0, 2 },  { 5, TARGET_AF_INET, 1, 0, 0 },
         { 5, TARGET_AF_INET, 1, 3, 17 }, { 4, TARGET_AF_INET, 1, 2, 0 },  { 5, TARGET_AF_INET6, 1, 4, 0 },
-        { 5, TARGET_AF_INET6, 0, 0, 0 }, { 5, TARGET_AF_INET6, 0, 0, 2 }, { 5, TARGET_AF_INET, 1, UINTPTR_MAX, 22 },
+        { 5, TARGET_AF_INET6, 0, 0, 0 }, { 5, TARGET_AF_INET6, 0, 0, 2 }, { 6, TARGET_AF_INET, 1, UINTPTR_MAX, 0 },
     };
     for (const auto &row : rows)
         EXPECT_EQ(rtslib_unnum_ifa_register_interest(tracked, row.borrower, 9, row.family, row.add, row.value),
@@ -65,7 +65,7 @@ TEST_F(InterfaceTest, DonorsAreTracked)
     EXPECT_EQ(save(9, TARGET_AF_INET), -1);
     EXPECT_EQ(take_reports(), lines{ "2 WARNING Async event arrived while processing pending for a previous event\n" });
     EXPECT_EQ(rtslib_unnum_ifa_report(tracked), 0);
-    EXPECT_EQ(heard, "0a000001 2 3 2 77");
+    EXPECT_EQ(heard, "0a000001 2 3 2 770a000001 18446744073709551615 3 2 77");
 
     int messages = blocks[MEMID_RTSLIB_MSG];
     for (int i = 0; i < 2; i++) {
@@ -84,7 +84,10 @@ TEST_F(InterfaceTest, DonorOfAnUnnumberedInterface)
     const struct {
         uint32_t flags, items;
         int result;
-    } rows[] = { { 0x20000000, 2, 0 }, { 0x20000000, 0, 2 }, { 0x10000000, 2, 22 } };
+        bool is_family;
+    } rows[] = { { 0x20000000, 2, 0, true }, { 0x20000000, 0, 2, true }, { 0x10000000, 2, 22, true },
+                 { 0, 0, 2, false } };
+    EXPECT_EQ(rtslib_unnum_get_donor_ifl_idx(cookie, 6, 2, nullptr), 22);
     for (const auto &row : rows) {
         rts_msg_info items[] = { { 183, { .ifftlv_donor = { 70 } } }, { 183, { .ifftlv_donor = { 71 } } } };
         rts_msg_info *pointers[] = { &items[0], &items[1] };
@@ -93,7 +96,7 @@ TEST_F(InterfaceTest, DonorOfAnUnnumberedInterface)
         m.rts_hdr.rtsh_info_len = row.items;
         m.rts_hdr.rtsh_type = 7;
         m.flags = row.flags;
-        kernel.replies = { { wire(&m, 7) } };
+        kernel.replies = { { row.is_family ? wire(&m, 7) : table_reply(1) } };
         uint32_t donor = 71;
         EXPECT_EQ(rtslib_unnum_get_donor_ifl_idx(cookie, 6, 2, &donor), row.result);
         EXPECT_EQ(donor, 71U) << "the last one's";

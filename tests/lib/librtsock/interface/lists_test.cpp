@@ -71,6 +71,27 @@ TEST_F(InterfaceTest, WholeTables)
     EXPECT_EQ(rtslib_msg_list_get_by_index(list, 1), &two[24]);
     EXPECT_EQ(rtslib_msg_list_add(cookie, list, two.data()), 22);
     rtslib_msg_list_free(cookie, list);
+
+    // A list that a client makes of a buffer of its own owns that.
+    list = rtslib_msg_list_alloc(cookie);
+    auto *buffer = static_cast<uint8_t *>(rtslib_size_alloc(cookie, 48));
+    list->array = static_cast<void **>(rtslib_size_alloc(cookie, 2 * sizeof(void *)));
+    list->array[0] = buffer, list->array[1] = buffer + 24;
+    list->kind = RTSLIB_LIST_BUFFER, list->count = 2;
+    EXPECT_EQ(rtslib_msg_list_add(cookie, list, two.data()), 22);
+    rtslib_msg_list_free(cookie, list);
+
+    // Filled with objects of two kinds it tells the last one's, and is added to by the first one's.
+    list = rtslib_msg_list_alloc(cookie);
+    octets mixed = table_reply(1);
+    mixed.insert(mixed.end(), second.begin(), second.end());
+    EXPECT_EQ(rtslib_msg_list_fillin(cookie, list, uint32_t(mixed.size()), mixed.data()), 0);
+    EXPECT_EQ(list->type, 6);
+    rts_hdr *more[] = { typed(cookie, 6), typed(cookie, 1) };
+    EXPECT_EQ(rtslib_msg_list_add(cookie, list, more[0]), 22);
+    EXPECT_EQ(rtslib_msg_list_add(cookie, list, more[1]), 0);
+    rtslib_msg_free(cookie, more[0]);
+    rtslib_msg_list_free(cookie, list);
     rtslib_close(cookie);
 }
 

@@ -87,6 +87,9 @@ TEST_F(InterfaceTest, SubsetMapsAndSockets)
     kernel.replies = { { unit_reply(9, 5, "ge", 0, 0x4000) } };
     EXPECT_EQ(ifl_get_subset_iif(9, 14, &value), 0);
     EXPECT_EQ(value, 1);
+    rtslib_calloc = [](uint16_t, size_t, size_t) -> void * { return errno = 0, nullptr; };
+    EXPECT_EQ(ifl_set_subset_iif(9, 15, 1) + ifl_get_subset_iif(9, 14, &value), 5 + 5) << "no connection, no errno";
+    rtslib_calloc = [](uint16_t id, size_t n, size_t size) { return take(id) ? calloc(n, size) : nullptr; };
     for (int family : { AF_INET, AF_INET6, AF_UNIX }) {
         int fd = socket(family, SOCK_DGRAM, 0);
         kernel.replies = { { unit_reply(9, 5, "ge") } };
@@ -105,6 +108,7 @@ TEST_F(InterfaceTest, InPlaceOfTheCLibrary)
     EXPECT_EQ(if_nametoindex("ge-0.5"), 0U) << "without a connection";
     EXPECT_EQ(errno, ENXIO);
     EXPECT_EQ(if_nameindex(), nullptr);
+    EXPECT_EQ(errno, ENOMEM);
     allowance = 1000;
     rtslib_calloc = [](uint16_t id, size_t n, size_t size) { return take(id) ? left = calloc(n, size) : nullptr; };
     for (bool by_name : { true, false }) {

@@ -34,6 +34,12 @@ TEST_F(InterfaceTest, Requests)
         { [](auto *c) { return rtslib_ifdm_pointchange(c, 7, 6, [](void *m, uint8_t **cursor, const void *, uint32_t) {
               return rtsm_info_user_add(static_cast<rts_hdr *>(m), &item, cursor); }, stream, 8); }, 0,
           "5.106.164 op2 idx=7 change=6 tlv_marker=1 [225 bit=3 value=1]" },
+        // A converter of the client's hears of a stream that is none, too.
+        { [](auto *c) { return rtslib_ifdm_pointchange(c, 7, 6, [](void *m, uint8_t **, const void *from, uint32_t n) {
+              static_cast<ifdev_msg *>(m)->aux_word1 = from == nullptr ? n : 0;
+              return 0; }, nullptr, 3); }, 0, "5.106.164 op2 idx=7 change=6 aux_word1=3 tlv_marker=1" },
+        { [](auto *c) { return rtslib_ifdm_pointchange(c, 7, 6, [](void *, uint8_t **, const void *, uint32_t) {
+              return -2; }, stream, 8); }, 22, "" },
         { [](auto *c) { return rtslib_iflm_get_by_device(c, 7, 5, 4, &message, &mask); }, 0,
           "6.107.204 op4 unit=5 ifd_idx=7" },
         { [](auto *c) { return rtslib_iflm_update(c, 1, 2, 3, 4, "ge", address, 1); }, 0,
@@ -42,7 +48,7 @@ TEST_F(InterfaceTest, Requests)
           "6.107.204 op2 ifl_idx=1 unit=3 ifd_idx=2 snmpid=4 change=1 flags=5 name=ge" },
         { [](auto *c) { return rtslib_iflm_update_flags(c, 1, 2, 3, 4, "ge", 5, 1); }, 45, "" },
         { [](auto *c) { return rtslib_iflm_update_privflags(c, 1, 2, 3, 4, "ge", 5, 6, 2); }, 0,
-          "6.107.204 op2 ifl_idx=1 unit=3 ifd_idx=2 snmpid=4 privflags=5 priv_byte=6 name=ge" },
+          "6.107.204 op2 ifl_idx=1 unit=3 ifd_idx=2 snmpid=4 change=2 privflags=5 priv_byte=6 name=ge" },
         { [](auto *c) { return rtslib_iflm_pointchange_tlv(c, 1, 2, 3, 4, "ge", &item); }, 0,
           "6.107.204 op2 ifl_idx=1 unit=3 ifd_idx=2 snmpid=4 name=ge [225 bit=3 value=1]" },
         { [](auto *c) { return rtslib_iffm_get_by_dev_name(c, 28, "ge", 5, 4, &message, &mask); }, 0,
@@ -52,6 +58,7 @@ TEST_F(InterfaceTest, Requests)
         { [](auto *c) { return rtslib_iffm_update(c, 1, 2, 3, 4, 5, 6, c->read_buffer, 16384, 1); }, 12, "" },
         { [](auto *c) { return rtslib_ifam_get_by_local_dest(c, 1, 2, prefix, 17, prefix, 9, 4, &message, &mask); }, 0,
           "8.101.156 op4 ifl_idx=1 af=2 local_bits=9 local=0a010000 dest_bits=17 dest=0a01ff00" },
+        { [](auto *c) { return rtslib_ifam_update(c, 1, 2, prefix, 0, nullptr, 8, 1); }, 22, "" },
         { [](auto *c) { return rtslib_ifa_pointchange(c, 1, 2, prefix, 8, stream, 8); }, 0,
           "8.101.156 op2 ifl_idx=1 af=2 change=4096 local_bits=8 local=0a000000 [1 words=5,]" },
         { [](auto *c) { return rtslib_ifa_pointchange(c, 1, 2, prefix, 0, stream, 8); }, 22, "" },
