@@ -17,20 +17,21 @@
 
 namespace {
 
+/* Up to the terminator. What cannot be printed is escaped: a program may come from anywhere. */
 std::string name_text(const uint8_t *payload, size_t length)
 {
-    return { reinterpret_cast<const char *>(payload), strnlen(reinterpret_cast<const char *>(payload), length) };
+    std::string text;
+    for (size_t i = 0; i < length && payload[i] != '\0'; i++) {
+        char shown[8];
+        snprintf(shown, sizeof shown, payload[i] < ' ' || payload[i] > '~' ? "\\x%02x" : "%c", payload[i]);
+        text += shown;
+    }
+    return text;
 }
 
 std::string string_text(const uint8_t *payload, size_t length)
 {
-    std::string text = "\"";
-    for (unsigned char octet : name_text(payload, length)) {
-        char shown[8];
-        snprintf(shown, sizeof shown, octet < ' ' || octet > '~' ? "\\x%02x" : "%c", octet);
-        text += shown;
-    }
-    return text + '"';
+    return '"' + name_text(payload, length) + '"';
 }
 
 std::string integer_text(const uint8_t *payload, size_t)

@@ -8,6 +8,7 @@
 
 #include "lib/librtsock/filter/rts_filter.h"
 #include "lib/librtsock/format/rtslib_format.h"
+#include "lib/librtsock/idl/idl.h"
 #include "lib/librtsock/rtslib_async.h"
 #include "platform/ev/ev.h"
 #include "platform/process/process.h"
@@ -75,8 +76,18 @@ std::string rendered(struct rtslib_cookie *cookie, enum form form, const void *m
     return line;
 }
 
+/* Nothing in a message that is handed over tells how it came, but what was read does. A read brings one message. */
+bool came_raw(const struct rtslib_cookie *cookie)
+{
+    uint32_t magic;
+    memcpy(&magic, cookie->rbuf_data, sizeof magic);
+    return magic != IDL_MAGIC_TLV && magic != IDL_MAGIC_IDR;
+}
+
 std::string event_text(const struct monitor *monitor, const void *message)
 {
+    if (came_raw(monitor->cookie))
+        return rtsmon_raw(static_cast<const struct rts_raw_hdr *>(message), monitor->form == FORM_JSON);
     const auto *header = static_cast<const struct rts_hdr *>(message);
     switch (monitor->form) {
     case FORM_LINE:
@@ -95,7 +106,10 @@ void print_event(struct rtslib_cookie *cookie, uintptr_t context, void *message,
         puts(event_text(monitor, message).c_str());
         monitor->left--;
     }
-    rtslib_msg_idl_release(cookie, message);
+    if (came_raw(cookie))
+        rtslib_msg_free(cookie, message);
+    else
+        rtslib_msg_idl_release(cookie, message);
 }
 
 /* --- what is listened to ---------------------------------------------------------------------------------------- */
@@ -180,7 +194,7 @@ bool connect_to_kernel(struct options *options)
         monitor->cookie = rtslib_set_defaults(cookie, SENDER);
     }
     if (monitor->cookie != nullptr && rtslib_set_async_context(monitor->cookie, monitor->loop) == 0 &&
-        rtslib_set_async_mode(monitor->cookie, RTSLIB_ASYNC_ON) == 0)
+        rtslib_set_async_mode(monitor->cookie, RTSLIB_ASYNC_ON | RTSLIB_ASYNC_ONE_MESSAGE) == 0)
         return true;
     complain("no connection to the kernel");
     return false;

@@ -258,15 +258,19 @@ void write_header_items(writer &w, const struct rts_hdr *header)
     }
 }
 
+/* What a line begins with. */
+std::string head(unsigned type_number, unsigned op_number, uint32_t seq, bool json)
+{
+    const char *type = rtm_types[std::min<unsigned>(type_number, RTSLIB_TYPES)];
+    const char *op = rtm_ops[std::min<unsigned>(op_number, RTSLIB_OPS)];
+    if (json)
+        return "{\"type\":" + quoted(type) + ",\"op\":" + quoted(op) + ",\"seq\":" + std::to_string(seq);
+    return std::string(op) + " " + type;
+}
+
 std::string line(const struct rts_hdr *message, bool json)
 {
-    writer w{ json, "" };
-    const char *type = rtm_types[std::min<unsigned>(message->rtsh_type, RTSLIB_TYPES)];
-    const char *op = rtm_ops[std::min<unsigned>(message->rtsh_op, RTSLIB_OPS)];
-    if (json)
-        w.out = "{\"type\":" + quoted(type) + ",\"op\":" + quoted(op) + ",\"seq\":" + std::to_string(message->rtsh_seq);
-    else
-        w.out = std::string(op) + " " + type;
+    writer w{ json, head(message->rtsh_type, message->rtsh_op, message->rtsh_seq, json) };
     const struct idl_type *record = idl_message_type(message->rtsh_type);
     if (record != nullptr) {
         write_record(w, record, message);
@@ -285,4 +289,11 @@ std::string rtsmon_text(const struct rts_hdr *message)
 std::string rtsmon_json(const struct rts_hdr *message)
 {
     return line(message, true);
+}
+
+std::string rtsmon_raw(const struct rts_raw_hdr *message, bool json)
+{
+    std::string length = std::to_string(message->msglen);
+    return head(message->type, message->op, message->seq, json) +
+           (json ? ",\"raw\":" + length + "}" : " raw " + length + " octets");
 }

@@ -203,9 +203,11 @@ struct yyrts_node *yyrts_identifier(const char *name)
 
 struct yyrts_node *yyrts_context_operator(const char *name)
 {
+    // The room comes first: a "$" that does not fit is not looked at.
+    struct yyrts_node *node = build(YYRTS_NAME, RTS_FILTER_CONTEXT, name, strlen(name) + 1, SHORTEST_NAME);
     if (yyrts_state.names++ != 0)
         yyrtserror("Parse error: Context operator can not be a field\n");
-    return build(YYRTS_NAME, RTS_FILTER_CONTEXT, name, strlen(name) + 1, SHORTEST_NAME);
+    return node;
 }
 
 struct yyrts_node *yyrts_ipv4_address(const char *text)
@@ -213,7 +215,7 @@ struct yyrts_node *yyrts_ipv4_address(const char *text)
     struct in_addr address = {};
     if (inet_aton(text, &address) == 0) {
         yyrtserror("Invalid ip prefix\n");
-        address = {};
+        address = {};   // Kept on purpose: 0.0.0.0 goes on into the program, which is refused only in the end
     }
     struct yyrts_node *node = build(YYRTS_IPV4, RTS_FILTER_ADDRESS_4, &address, sizeof address);
     set_words(node->output, sizeof address * 8 / WORD_BITS);
@@ -224,8 +226,8 @@ struct yyrts_node *yyrts_ipv6_address(const char *text)
 {
     struct in6_addr address = {};
     if (inet_pton(AF_INET6, text, &address) != 1) {
-        yyrtserror("Invalid ipv6 prefix");
-        address = {};
+        yyrtserror("Invalid ipv6 prefix");   // Kept on purpose: without a line end of its own, unlike its neighbours
+        address = {};                        // Kept on purpose: :: goes on, as 0.0.0.0 does
     }
     struct yyrts_node *node = build(YYRTS_IPV6, RTS_FILTER_ADDRESS_6, &address, sizeof address);
     set_words(node->output, sizeof address * 8 / WORD_BITS);

@@ -70,7 +70,7 @@ static int compile(void *buffer, size_t size)
 int rts_filter_parse(const char *path, void *buffer, size_t size)
 {
     if (path == nullptr)
-        return compile(buffer, size);
+        return compile(buffer, size);   // Kept on purpose: no fault; what stands open is read, standard input here
     if (yyrts_setyyin(path) != 0)
         return RTS_FILTER_NO_INPUT;
     int result = compile(buffer, size);
@@ -81,9 +81,9 @@ int rts_filter_parse(const char *path, void *buffer, size_t size)
 int rts_filter_string_parse(const char *text, void *buffer, size_t size)
 {
     if (size == 0)
-        return RTS_FILTER_REFUSED;
+        return RTS_FILTER_REFUSED;   // Kept on purpose: without a word, where rts_filter_parse says that it is full
     if (text == nullptr)
-        return compile(buffer, size);
+        return compile(buffer, size);   // Kept on purpose: as above
     if (yyrts_setyyin_mem(text) != 0)
         return RTS_FILTER_NO_INPUT;
     int result = compile(buffer, size);

@@ -2,8 +2,8 @@
  * Blobs: records in an encoding of their own inside messages.
  *
  * They are decoded into scratch on the stack, since rendering takes no memory. A blob that is broken leaves a text that
- * says so, and the line goes on. A sound one whose items need more than the scratch, several hundred of them, leaves the
- * same text with the code for memory, -2.
+ * says so, and the line goes on. One whose items need more than the scratch, several hundred of them, is no broken one:
+ * the text says how large it is.
  */
 #include "lib/librtsock/format/line.h"
 
@@ -35,6 +35,15 @@ int32_t decode(struct arena *a, const struct idl_type *type, void *record, const
     return code < 0 || size_t(code) == length || padded == length ? code : int32_t(IDL_CODE_GARBLED);
 }
 
+void put_large(struct format_out *out, const struct idl_type *type, size_t length)
+{
+    format_put_string(out, "Too large to be shown: ");
+    format_put_string(out, type->it_name);
+    format_put_string(out, " of ");
+    format_put_unsigned(out, length);
+    format_put_string(out, " octets.\n");
+}
+
 }   // namespace
 
 void format_put_blob(struct format_out *out, const struct idl_type *type, const struct format_line *line,
@@ -46,6 +55,10 @@ void format_put_blob(struct format_out *out, const struct idl_type *type, const 
     int32_t code = record != nullptr ? decode(&a, type, record, blob, length) : int32_t(IDL_CODE_ALLOC);
     if (code >= 0) {
         format_put_line(out, line, record);
+        return;
+    }
+    if (code == IDL_CODE_ALLOC) {
+        put_large(out, type, length);
         return;
     }
     format_put_string(out, "Error ");

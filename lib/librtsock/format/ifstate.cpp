@@ -14,18 +14,18 @@ namespace {
 constexpr format_piece brief_pieces[] = {
     named("", AT(ifsm_raw, object_type), rtslib_format_ifstate_type),
     named(" ", AT(ifsm_raw, object_op), rtslib_format_op),
-    chars(" name=", AT(ifsm_raw, name)),
     uns(" idx=", AT(ifsm_raw, idx)),
     hex(" flags=0x", AT(ifsm_raw, flags)),
+    chars(" name=", AT(ifsm_raw, name)),
 };
 constexpr format_line brief_line = line_of(brief_pieces, sizeof(struct ifsm_raw));
 
 constexpr format_piece full_pieces[] = {
-    uns(" seq=", AT(ifsm_raw, sequence)),
-    uns(" clients=", AT(ifsm_raw, clients)),
     named(" rcv=", AT(ifsm_raw, receivers), rtslib_format_mtype_rcv),
-    hex(" slots=0x", AT(ifsm_raw, slots)),
     named(" issu=", AT(ifsm_raw, issu_state), rtslib_format_daemon_issu_state),
+    uns(" clients=", AT(ifsm_raw, clients)),
+    hex(" slots=0x", AT(ifsm_raw, slots)),
+    uns(" seq=", AT(ifsm_raw, sequence)),
 };
 constexpr format_line full_line = line_of(full_pieces, sizeof(struct ifsm_raw));
 

@@ -5,9 +5,10 @@
  *       named("", AT(rt_msg, af), rtslib_format_af),
  *       dec(" tid=", AT(rt_msg, tid)),
  *   };
- *   constexpr format_line route_line = line_of(pieces, sizeof(struct rt_msg));
+ *   constexpr format_line route_line = line_in_own_order(pieces, sizeof(struct rt_msg));
  *
- * A row whose field is of the wrong kind does not compile.
+ * A row whose field is of the wrong kind does not compile. Neither does a line that goes through its record in another
+ * order than the record has, unless it says so, as this one does.
  */
 #pragma once
 
@@ -169,11 +170,30 @@ consteval format_piece record(const char *text, format_place place, const struct
     return piece;
 }
 
+/* A line whose words have an order of their own, which readers of traces know. */
+template <size_t COUNT>
+consteval format_line line_in_own_order(const format_piece (&pieces)[COUNT], size_t size,
+                                        void (*more)(struct format_out *out, const void *record) = nullptr)
+{
+    return { pieces, COUNT, size, more };
+}
+
+void field_out_of_order(void);   // not constant either
+
+/* A line that goes through its record from front to back. */
 template <size_t COUNT>
 consteval format_line line_of(const format_piece (&pieces)[COUNT], size_t size,
                               void (*more)(struct format_out *out, const void *record) = nullptr)
 {
-    return { pieces, COUNT, size, more };
+    uint16_t last = 0;
+    for (size_t i = 0; i < COUNT; i++) {
+        if (pieces[i].how == FORMAT_LITERAL)
+            continue;
+        if (pieces[i].at < last)
+            field_out_of_order();
+        last = pieces[i].at;
+    }
+    return line_in_own_order(pieces, size, more);
 }
 
 /* --- printing -------------------------------------------------------------------------------------------------- */
@@ -197,7 +217,8 @@ bool format_put_items(struct format_out *out, const struct rts_hdr *header, std:
 bool format_put_item(struct format_out *out, uint32_t tag, const void *member, std::span<const format_item> rows);
 
 /* Decodes a record of type out of a blob, with scratch of its own, and prints its line. A blob that is none leaves
- * "Error CODE decoding TYPE.\n" instead. */
+ * "Error CODE decoding TYPE.\n" instead, and one that needs more than the scratch
+ * "Too large to be shown: TYPE of LENGTH octets.\n". */
 void format_put_blob(struct format_out *out, const struct idl_type *type, const struct format_line *line,
                      const uint8_t *blob, size_t length);
 

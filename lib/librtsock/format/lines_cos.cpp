@@ -39,8 +39,9 @@ constexpr format_piece virtual_pieces[] = {
 constexpr format_line virtual_line = line_of(virtual_pieces, sizeof(struct rt_cos_voqstats_msg));
 
 constexpr format_piece class_pieces[] = {
-    string("", AT(rt_cos_fc, name)), dec(" id=", AT(rt_cos_fc, id)), dec(" queue=", AT(rt_cos_fc, queue)),
+    dec("id=", AT(rt_cos_fc, id)), dec(" queue=", AT(rt_cos_fc, queue)),
     dec(" fabric=", AT(rt_cos_fc, fabric_priority)), dec(" no-loss=", AT(rt_cos_fc, no_loss)),
+    string(" name=", AT(rt_cos_fc, name)),
 };
 constexpr format_line class_line = line_of(class_pieces, sizeof(struct rt_cos_fc));
 constexpr format_piece classes_pieces[] = {
@@ -57,20 +58,20 @@ constexpr format_line rule_line = line_of(rule_pieces, sizeof(struct rt_cos_rule
 constexpr format_piece rules_pieces[] = {
     named("type=", AT(rt_cos_misc_info, type), rtslib_format_cos_type),
     named(" af=", AT(rt_cos_misc_info, af), rtslib_format_af), uns(" idx=", AT(rt_cos_misc_info, idx)),
-    hex(" flags=0x", AT(rt_cos_misc_info, flags)), string(" name=", AT(rt_cos_misc_info, name)),
-    items(" rules=", AT(rt_cos_misc_info, rules), &rule_line),
+    hex(" flags=0x", AT(rt_cos_misc_info, flags)), items(" rules=", AT(rt_cos_misc_info, rules), &rule_line),
+    string(" name=", AT(rt_cos_misc_info, name)),
 };
 constexpr format_line rules_line = line_of(rules_pieces, sizeof(struct rt_cos_misc_info));
 
 constexpr format_piece interface_pieces[] = {
-    string("", AT(rt_cos_interface_info, name)), uns(" ifd=", AT(rt_cos_interface_info, ifd_idx)),
-    uns(" ifl=", AT(rt_cos_interface_info, ifl_idx)), dec(" iflsetidx=", AT(rt_cos_interface_info, iflsetidx)),
+    uns("ifd=", AT(rt_cos_interface_info, ifd_idx)), uns(" ifl=", AT(rt_cos_interface_info, ifl_idx)),
+    dec(" iflsetidx=", AT(rt_cos_interface_info, iflsetidx)),
     uns(" scheduler-map=", AT(rt_cos_interface_info, scheduler_map)),
     uns(" profile=", AT(rt_cos_interface_info, traffic_profile)),
     uns(" shaping=", AT(rt_cos_interface_info, shaping_rate)),
     uns(" guaranteed=", AT(rt_cos_interface_info, guaranteed_rate)), uns(" burst=", AT(rt_cos_interface_info, burst)),
     hex(" flags=0x", AT(rt_cos_interface_info, flags)), words(" classifiers=", AT(rt_cos_interface_info, classifiers)),
-    words(" rewrite=", AT(rt_cos_interface_info, rewrite_rules)),
+    words(" rewrite=", AT(rt_cos_interface_info, rewrite_rules)), string(" name=", AT(rt_cos_interface_info, name)),
 };
 constexpr format_line interface_line = line_of(interface_pieces, sizeof(struct rt_cos_interface_info));
 

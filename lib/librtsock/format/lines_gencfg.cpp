@@ -14,10 +14,10 @@ namespace {
 /* --- class of service ------------------------------------------------------------------------------------------ */
 
 constexpr format_piece class_pieces[] = {
-    string("", AT(cos_forwarding_class, name)), dec(" id=", AT(cos_forwarding_class, id)),
-    dec(" queue=", AT(cos_forwarding_class, queue)), dec(" fabric=", AT(cos_forwarding_class, fabric_priority)),
-    dec(" policing=", AT(cos_forwarding_class, policing_priority)),
-    dec(" no-loss=", AT(cos_forwarding_class, no_loss)),
+    dec("id=", AT(cos_forwarding_class, id)), dec(" queue=", AT(cos_forwarding_class, queue)),
+    dec(" fabric=", AT(cos_forwarding_class, fabric_priority)),
+    dec(" policing=", AT(cos_forwarding_class, policing_priority)), dec(" no-loss=", AT(cos_forwarding_class, no_loss)),
+    string(" name=", AT(cos_forwarding_class, name)),
 };
 constexpr format_line class_line = line_of(class_pieces, sizeof(struct cos_forwarding_class));
 constexpr format_piece class_table_pieces[] = {
@@ -27,12 +27,12 @@ constexpr format_piece class_table_pieces[] = {
 constexpr format_line class_table_line = line_of(class_table_pieces, sizeof(struct cos_forwarding_class_table));
 
 constexpr format_piece scheduler_pieces[] = {
-    string("", AT(cos_scheduler, name)), uns(" id=", AT(cos_scheduler, id)),
-    uns(" rate=", AT(cos_scheduler, transmit_rate)), uns(" shaping=", AT(cos_scheduler, shaping_rate)),
-    uns(" buffer=", AT(cos_scheduler, buffer_us)), dec("us ", AT(cos_scheduler, buffer_percent)),
-    dec("% excess=", AT(cos_scheduler, excess_percent)), dec("% priority=", AT(cos_scheduler, priority)),
-    dec("/", AT(cos_scheduler, excess_priority)), hex(" flags=0x", AT(cos_scheduler, flags)),
-    words(" drop=", AT(cos_scheduler, drop_profiles)),
+    uns("id=", AT(cos_scheduler, id)), uns(" rate=", AT(cos_scheduler, transmit_rate)),
+    uns(" shaping=", AT(cos_scheduler, shaping_rate)), uns(" buffer=", AT(cos_scheduler, buffer_us)),
+    dec("us ", AT(cos_scheduler, buffer_percent)), dec("% excess=", AT(cos_scheduler, excess_percent)),
+    dec("% priority=", AT(cos_scheduler, priority)), dec("/", AT(cos_scheduler, excess_priority)),
+    hex(" flags=0x", AT(cos_scheduler, flags)), words(" drop=", AT(cos_scheduler, drop_profiles)),
+    string(" name=", AT(cos_scheduler, name)),
 };
 constexpr format_line scheduler_line = line_of(scheduler_pieces, sizeof(struct cos_scheduler));
 
@@ -42,8 +42,8 @@ constexpr format_piece map_entry_pieces[] = {
 };
 constexpr format_line map_entry_line = line_of(map_entry_pieces, sizeof(struct cos_scheduler_map_entry));
 constexpr format_piece map_pieces[] = {
-    string("", AT(cos_scheduler_map, name)), uns(" id=", AT(cos_scheduler_map, id)),
-    items(" entries=", AT(cos_scheduler_map, entries), &map_entry_line),
+    uns("id=", AT(cos_scheduler_map, id)), items(" entries=", AT(cos_scheduler_map, entries), &map_entry_line),
+    string(" name=", AT(cos_scheduler_map, name)),
 };
 constexpr format_line map_line = line_of(map_pieces, sizeof(struct cos_scheduler_map));
 
@@ -52,20 +52,18 @@ constexpr format_piece point_pieces[] = {
 };
 constexpr format_line point_line = line_of(point_pieces, sizeof(struct cos_drop_point));
 constexpr format_piece drop_pieces[] = {
-    string("", AT(cos_drop_profile, name)), uns(" id=", AT(cos_drop_profile, id)),
-    dec(" interpolate=", AT(cos_drop_profile, interpolate)),
-    items(" points=", AT(cos_drop_profile, points), &point_line),
+    uns("id=", AT(cos_drop_profile, id)), dec(" interpolate=", AT(cos_drop_profile, interpolate)),
+    items(" points=", AT(cos_drop_profile, points), &point_line), string(" name=", AT(cos_drop_profile, name)),
 };
 constexpr format_line drop_line = line_of(drop_pieces, sizeof(struct cos_drop_profile));
 
 constexpr format_piece profile_pieces[] = {
-    string("", AT(cos_traffic_control_profile, name)), uns(" id=", AT(cos_traffic_control_profile, id)),
-    uns(" shaping=", AT(cos_traffic_control_profile, shaping_rate)),
+    uns("id=", AT(cos_traffic_control_profile, id)), uns(" shaping=", AT(cos_traffic_control_profile, shaping_rate)),
     uns(" guaranteed=", AT(cos_traffic_control_profile, guaranteed_rate)),
     uns(" excess=", AT(cos_traffic_control_profile, excess_rate)),
     uns(" burst=", AT(cos_traffic_control_profile, burst)),
     uns(" scheduler-map=", AT(cos_traffic_control_profile, scheduler_map)),
-    hex(" flags=0x", AT(cos_traffic_control_profile, flags)),
+    hex(" flags=0x", AT(cos_traffic_control_profile, flags)), string(" name=", AT(cos_traffic_control_profile, name)),
 };
 constexpr format_line profile_line = line_of(profile_pieces, sizeof(struct cos_traffic_control_profile));
 
@@ -87,7 +85,7 @@ constexpr format_line classifier_line = line_of(classifier_pieces, sizeof(struct
 /* --- filters --------------------------------------------------------------------------------------------------- */
 
 constexpr format_piece program_pieces[] = {
-    named("", AT(_dfw_filter_head, af), rtslib_format_af), dec(" version=", AT(_dfw_filter_head, version)),
+    dec("version=", AT(_dfw_filter_head, version)), named(" af=", AT(_dfw_filter_head, af), rtslib_format_af),
     dec(" kind=", AT(_dfw_filter_head, kind)), uns(" idx=", AT(_dfw_filter_head, idx)),
     uns(" length=", AT(_dfw_filter_head, length)), dec(" terms=", AT(_dfw_filter_head, terms)),
     dec(" counters=", AT(_dfw_filter_head, counters)), dec(" policers=", AT(_dfw_filter_head, policers)),
@@ -121,7 +119,7 @@ constexpr format_piece prefix_pieces[] = {
 constexpr format_line prefix_line = line_of(prefix_pieces, sizeof(struct _dfw_prefix));
 
 constexpr format_piece key_pieces[] = {
-    named("", AT(mcf_filter_key, af), rtslib_format_af), uns(" idx=", AT(mcf_filter_key, idx)),
+    uns("idx=", AT(mcf_filter_key, idx)), named(" af=", AT(mcf_filter_key, af), rtslib_format_af),
     dec(" dir=", AT(mcf_filter_key, direction)), dec(" instance=", AT(mcf_filter_key, instance)),
 };
 constexpr format_line key_line = line_of(key_pieces, sizeof(struct mcf_filter_key));
@@ -174,8 +172,8 @@ constexpr format_line access_line = line_of(access_pieces, sizeof(struct ancp_co
 constexpr format_piece subscriber_pieces[] = {
     uns("ifl=", AT(ancp_subscriber_info, ifl_idx)), dec(" state=", AT(ancp_subscriber_info, line_state)),
     dec(" type=", AT(ancp_subscriber_info, line_type)), uns(" up=", AT(ancp_subscriber_info, actual_up)),
-    uns("/", AT(ancp_subscriber_info, attainable_up)), uns(" down=", AT(ancp_subscriber_info, actual_down)),
-    uns("/", AT(ancp_subscriber_info, attainable_down)), hex(" flags=0x", AT(ancp_subscriber_info, flags)),
+    uns(" down=", AT(ancp_subscriber_info, actual_down)), uns(" max-up=", AT(ancp_subscriber_info, attainable_up)),
+    uns(" max-down=", AT(ancp_subscriber_info, attainable_down)), hex(" flags=0x", AT(ancp_subscriber_info, flags)),
     string(" circuit=", AT(ancp_subscriber_info, circuit_id)), string(" remote=", AT(ancp_subscriber_info, remote_id)),
 };
 constexpr format_line subscriber_line = line_of(subscriber_pieces, sizeof(struct ancp_subscriber_info));

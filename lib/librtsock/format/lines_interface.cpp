@@ -28,32 +28,32 @@ constexpr format_piece device_pieces[] = {
     dec(", l2-count=", AT(ifdev_msg, l2_count)),
     dec(", l3-count=", AT(ifdev_msg, l3_count)),
 };
-constexpr format_line device_line = line_of(device_pieces, sizeof(struct ifdev_msg));
+constexpr format_line device_line = line_in_own_order(device_pieces, sizeof(struct ifdev_msg));
 
-/* The same by lines, and what the one line has no room for. */
+/* The same by lines under the name, and what the one line has no room for. */
 constexpr format_piece device_full_pieces[] = {
     string("", AT(ifdev_msg, name)),
     dec("\n  idx=", AT(ifdev_msg, idx)),
     uns(" snmpid=", AT(ifdev_msg, snmpid)),
-    dec(" gen=", AT(ifdev_msg, gen)),
-    dec(" mtu=", AT(ifdev_msg, mtu)),
-    dec(" media=", AT(ifdev_msg, media)),
-    dec(" fpc=", AT(ifdev_msg, fpc_slot)),
-    dec(" i2c-id=", AT(ifdev_msg, i2c_id)),
+    hex(" change=0x", AT(ifdev_msg, change)),
     hex("\n  flags=0x", AT(ifdev_msg, flags)),
     hex(" dflags=0x", AT(ifdev_msg, dflags)),
     hex(" sflags=0x", AT(ifdev_msg, sflags)),
     hex(" ifm-flags=0x", AT(ifdev_msg, ifm_flags)),
     hex(" linkflags=0x", AT(ifdev_msg, linkflags)),
     hex(" priv_flags=0x", AT(ifdev_msg, priv_flags)),
-    hex(" change=0x", AT(ifdev_msg, change)),
-    uns("\n  ifm_speed=", AT(ifdev_msg, ifm_speed)),
+    dec("\n  mtu=", AT(ifdev_msg, mtu)),
+    uns(" ifm_speed=", AT(ifdev_msg, ifm_speed)),
     uns(" ifm_config_speed=", AT(ifdev_msg, ifm_config_speed)),
+    dec(" gen=", AT(ifdev_msg, gen)),
+    dec(" i2c-id=", AT(ifdev_msg, i2c_id)),
     dec("\n  ifm-hw-qs=", AT(ifdev_msg, ifm_hw_qs)),
     dec(" ifm-use-max-qs=", AT(ifdev_msg, ifm_use_max_qs)),
     dec(" hier-levels=", AT(ifdev_msg, hier_levels)),
     dec(" l2-count=", AT(ifdev_msg, l2_count)),
     dec(" l3-count=", AT(ifdev_msg, l3_count)),
+    dec(" media=", AT(ifdev_msg, media)),
+    dec(" fpc=", AT(ifdev_msg, fpc_slot)),
     octets("\n  addr=", AT(ifdev_msg, addr)),
     octets(" hw-addr=", AT(ifdev_msg, hw_addr)),
     octets(" alt-addr=", AT(ifdev_msg, alt_addr)),
@@ -75,7 +75,7 @@ constexpr format_piece logical_pieces[] = {
     named(", ifl_type=", AT(ifl_msg, ifl_type), format_layer),
     dec(" tenant=", AT(ifl_msg, tenant)),
 };
-constexpr format_line logical_line = line_of(logical_pieces, sizeof(struct ifl_msg));
+constexpr format_line logical_line = line_in_own_order(logical_pieces, sizeof(struct ifl_msg));
 
 /* --- families -------------------------------------------------------------------------------------------------- */
 
@@ -100,7 +100,7 @@ constexpr format_piece family_tail_pieces[] = {
     named(" , iff_type=", AT(iff_msg, iff_type), format_layer),
     literal(" "),
 };
-constexpr format_line family_tail = line_of(family_tail_pieces, sizeof(struct iff_msg));
+constexpr format_line family_tail = line_in_own_order(family_tail_pieces, sizeof(struct iff_msg));
 
 /* Filters of one direction, in the form that tables print theirs. */
 void put_filter_list(struct format_out *out, const void *record)
@@ -192,13 +192,12 @@ constexpr format_piece address_pieces[] = {
     dec(", gen=", AT(ifa_msg, gen)),
     hex(", flag=0x", AT(ifa_msg, flag)),
 };
-constexpr format_line address_line = line_of(address_pieces, sizeof(struct ifa_msg));
+constexpr format_line address_line = line_in_own_order(address_pieces, sizeof(struct ifa_msg));
 
 constexpr format_piece destination_pieces[] = {
-    named("", AT(ifdest_msg, af), rtslib_format_af),
+    uns("idx=", AT(ifdest_msg, ifl_idx)), named(" af=", AT(ifdest_msg, af), rtslib_format_af),
+    hex(", flags=0x", AT(ifdest_msg, flags)), dec(", gen=", AT(ifdest_msg, gen)), dec(" nhidx=", AT(ifdest_msg, nhidx)),
     prefix(" dest=", AT(ifdest_msg, dest), AT(ifdest_msg, dest_bits), AT(ifdest_msg, af)),
-    uns(" idx=", AT(ifdest_msg, ifl_idx)), dec(", gen=", AT(ifdest_msg, gen)),
-    hex(", flags=0x", AT(ifdest_msg, flags)), dec(" nhidx=", AT(ifdest_msg, nhidx)),
     octets(" hw=", AT(ifdest_msg, hw_addr)),
 };
 constexpr format_line destination_line = line_of(destination_pieces, sizeof(struct ifdest_msg));
@@ -206,21 +205,21 @@ constexpr format_line destination_line = line_of(destination_pieces, sizeof(stru
 /* --- circuits -------------------------------------------------------------------------------------------------- */
 
 constexpr format_piece circuit_pieces[] = {
-    string("", AT(ifvc_msg, name)), uns(".", AT(ifvc_msg, unit)), uns(" idx=", AT(ifvc_msg, ifl_idx)),
-    dec(" vpi=", AT(ifvc_msg, vpi)), dec(" vci=", AT(ifvc_msg, vci)), uns(" dlci=", AT(ifvc_msg, dlci)),
-    hex(" flags=0x", AT(ifvc_msg, flags)), dec(" gen=", AT(ifvc_msg, gen)), dec(" state=", AT(ifvc_msg, state)),
-    dec(" encaps=", AT(ifvc_msg, encapsulation)), uns(" peak=", AT(ifvc_msg, peak_rate)),
-    uns(" sustained=", AT(ifvc_msg, sustained_rate)), uns(" burst=", AT(ifvc_msg, burst)),
-    uns(" queue=", AT(ifvc_msg, queue_length)),
+    uns("idx=", AT(ifvc_msg, ifl_idx)), uns(" unit=", AT(ifvc_msg, unit)), dec(" vpi=", AT(ifvc_msg, vpi)),
+    dec(" vci=", AT(ifvc_msg, vci)), uns(" dlci=", AT(ifvc_msg, dlci)), hex(" flags=0x", AT(ifvc_msg, flags)),
+    dec(" gen=", AT(ifvc_msg, gen)), dec(" state=", AT(ifvc_msg, state)), dec(" encaps=", AT(ifvc_msg, encapsulation)),
+    uns(" peak=", AT(ifvc_msg, peak_rate)), uns(" sustained=", AT(ifvc_msg, sustained_rate)),
+    uns(" burst=", AT(ifvc_msg, burst)), uns(" queue=", AT(ifvc_msg, queue_length)),
+    string(" name=", AT(ifvc_msg, name)),
 };
 constexpr format_line circuit_line = line_of(circuit_pieces, sizeof(struct ifvc_msg));
 
 constexpr format_piece path_pieces[] = {
-    string("", AT(ifvp_msg, name)), dec(" idx=", AT(ifvp_msg, ifd_idx)), dec(" vpi=", AT(ifvp_msg, vpi)),
-    hex(" flags=0x", AT(ifvp_msg, flags)), dec(" gen=", AT(ifvp_msg, gen)), dec(" state=", AT(ifvp_msg, state)),
-    dec(" class=", AT(ifvp_msg, traffic_class)), uns(" peak=", AT(ifvp_msg, peak_rate)),
-    uns(" sustained=", AT(ifvp_msg, sustained_rate)), uns(" burst=", AT(ifvp_msg, burst)),
-    dec(" max_vcs=", AT(ifvp_msg, max_vcs)), dec(" oam_period=", AT(ifvp_msg, oam_period_s)),
+    dec("idx=", AT(ifvp_msg, ifd_idx)), dec(" vpi=", AT(ifvp_msg, vpi)), hex(" flags=0x", AT(ifvp_msg, flags)),
+    dec(" gen=", AT(ifvp_msg, gen)), dec(" state=", AT(ifvp_msg, state)), dec(" class=", AT(ifvp_msg, traffic_class)),
+    uns(" peak=", AT(ifvp_msg, peak_rate)), uns(" sustained=", AT(ifvp_msg, sustained_rate)),
+    uns(" burst=", AT(ifvp_msg, burst)), dec(" max_vcs=", AT(ifvp_msg, max_vcs)),
+    dec(" oam_period=", AT(ifvp_msg, oam_period_s)), string(" name=", AT(ifvp_msg, name)),
 };
 constexpr format_line path_line = line_of(path_pieces, sizeof(struct ifvp_msg));
 
@@ -230,16 +229,16 @@ constexpr format_piece device_stats_pieces[] = {
     uns("ifdidx=", AT(ifdstats_raw, idx)), uns(", txpkts=", AT(ifdstats_raw, counters.out_packets)),
     uns(" rxpkts=", AT(ifdstats_raw, counters.in_packets)),
 };
-constexpr format_line device_stats_line = line_of(device_stats_pieces, sizeof(struct ifdstats_raw));
+constexpr format_line device_stats_line = line_in_own_order(device_stats_pieces, sizeof(struct ifdstats_raw));
 
 constexpr format_piece logical_stats_pieces[] = {
     uns("iflidx=", AT(iflstats_raw, idx)), uns(", txpkts=", AT(iflstats_raw, counters.out_packets)),
     uns(" rxpkts=", AT(iflstats_raw, counters.in_packets)),
 };
-constexpr format_line logical_stats_line = line_of(logical_stats_pieces, sizeof(struct iflstats_raw));
+constexpr format_line logical_stats_line = line_in_own_order(logical_stats_pieces, sizeof(struct iflstats_raw));
 
 constexpr format_piece family_stats_pieces[] = {
-    named("", AT(iffstats_raw, af), rtslib_format_af), uns(" iflidx=", AT(iffstats_raw, ifl_idx)),
+    uns("iflidx=", AT(iffstats_raw, ifl_idx)), named(" af=", AT(iffstats_raw, af), rtslib_format_af),
     uns(", pkts=", AT(iffstats_raw, packets)), uns(" octets=", AT(iffstats_raw, octets)),
 };
 constexpr format_line family_stats_line = line_of(family_stats_pieces, sizeof(struct iffstats_raw));
@@ -259,7 +258,7 @@ constexpr format_message messages[] = {
 
 }   // namespace
 
-const struct format_line format_device_full_line = line_of(device_full_pieces, sizeof(struct ifdev_msg));
+const struct format_line format_device_full_line = line_in_own_order(device_full_pieces, sizeof(struct ifdev_msg));
 
 std::span<const format_message> format_interface_messages(void)
 {

@@ -133,7 +133,7 @@ constexpr format_piece composite_pieces[] = {
     uns(", tid=", AT(rnhc_msg, tid)), uns(" hw_token=", AT(rnhc_msg, hw_token)),
     uns(" subnh=", AT(rnhc_msg, subnh)), literal(" "),
 };
-constexpr format_line composite_line = line_of(composite_pieces, sizeof(struct rnhc_msg), put_forms);
+constexpr format_line composite_line = line_in_own_order(composite_pieces, sizeof(struct rnhc_msg), put_forms);
 
 constexpr format_message messages[] = {
     { 21, &stats_line, false },

@@ -58,7 +58,7 @@ constexpr format_piece table_pieces[] = {
     dec(",", AT(rtb_msg, output_filter2)),
     literal("] impl-i-ftf ["),
 };
-constexpr format_line table_line = line_of(table_pieces, sizeof(struct rtb_msg), put_table_rest);
+constexpr format_line table_line = line_in_own_order(table_pieces, sizeof(struct rtb_msg), put_table_rest);
 
 /* --- routes ---------------------------------------------------------------------------------------------------- */
 
@@ -84,7 +84,7 @@ constexpr format_piece route_tail_pieces[] = {
     dec(" rt_mcast_nhiflist=", AT(rt_msg, rt_mcast_nhiflist)),
     hex(" dflags 0x", AT(rt_msg, dflags)),
 };
-constexpr format_line route_tail = line_of(route_tail_pieces, sizeof(struct rt_msg));
+constexpr format_line route_tail = line_in_own_order(route_tail_pieces, sizeof(struct rt_msg));
 
 /* A route tells of the two in fields of its own or, from a kernel that has none, in items. */
 void put_route_rest(struct format_out *out, const void *record)
@@ -125,11 +125,11 @@ constexpr format_piece route_pieces[] = {
     string(" ", AT(rt_msg, ifname)),
     literal(" "),
 };
-constexpr format_line route_line = line_of(route_pieces, sizeof(struct rt_msg), put_route_rest);
+constexpr format_line route_line = line_in_own_order(route_pieces, sizeof(struct rt_msg), put_route_rest);
 
 constexpr format_piece route_stats_pieces[] = {
-    named("", AT(rtstats_raw, af), rtslib_format_af),
-    dec(" tid=", AT(rtstats_raw, tid)),
+    dec("tid=", AT(rtstats_raw, tid)),
+    named(" af=", AT(rtstats_raw, af), rtslib_format_af),
     dec(" plen=", AT(rtstats_raw, prefix_bits)),
 };
 constexpr format_line route_stats_line = line_of(route_stats_pieces, sizeof(struct rtstats_raw));
@@ -140,38 +140,31 @@ constexpr format_piece nexthop_match_pieces[] = {
     dec("af ", AT(rnh_msg, af)), dec(" tid ", AT(rnh_msg, tid)), string(" group ", AT(rnh_msg, group)),
     dec(" nhidx ", AT(rnh_msg, idx)),
 };
-constexpr format_line nexthop_match_line = line_of(nexthop_match_pieces, sizeof(struct rnh_msg));
+constexpr format_line nexthop_match_line = line_in_own_order(nexthop_match_pieces, sizeof(struct rnh_msg));
 
 constexpr format_piece group_match_pieces[] = {
     dec("af ", AT(mgr_msg, af)), dec(" tid ", AT(mgr_msg, tid)),
     prefix(" group ", AT(mgr_msg, prefix), AT(mgr_msg, prefix_bits), AT(mgr_msg, af)),
     dec(" nhidx ", AT(mgr_msg, nhidx)),
 };
-constexpr format_line group_match_line = line_of(group_match_pieces, sizeof(struct mgr_msg));
+constexpr format_line group_match_line = line_in_own_order(group_match_pieces, sizeof(struct mgr_msg));
 
 constexpr format_piece match_pieces[] = {
-    named("", AT(rtm_msg, af), rtslib_format_af),
-    prefix(" ", AT(rtm_msg, prefix), AT(rtm_msg, prefix_bits), AT(rtm_msg, af)),
-    dec(" tid=", AT(rtm_msg, tid)),
+    dec("tid=", AT(rtm_msg, tid)), named(" af=", AT(rtm_msg, af), rtslib_format_af),
     named(" type=", AT(rtm_msg, rt_type), rtslib_format_route_type),
-    named(" nh=", AT(rtm_msg, nh_type), rtslib_format_nexthop_type),
-    hex(" flags=0x", AT(rtm_msg, rt_flags)),
-    dec(" nhidx=", AT(rtm_msg, nhidx)),
-    dec(" ifidx=", AT(rtm_msg, ifidx)),
+    named(" nh=", AT(rtm_msg, nh_type), rtslib_format_nexthop_type), hex(" flags=0x", AT(rtm_msg, rt_flags)),
+    dec(" nhidx=", AT(rtm_msg, nhidx)), dec(" ifidx=", AT(rtm_msg, ifidx)),
+    prefix(" prefix=", AT(rtm_msg, prefix), AT(rtm_msg, prefix_bits), AT(rtm_msg, af)),
 };
 constexpr format_line match_line = line_of(match_pieces, sizeof(struct rtm_msg));
 
 constexpr format_piece resolve_pieces[] = {
-    named("", AT(res_msg_evo, af), rtslib_format_af),
-    prefix(" ", AT(res_msg_evo, prefix), AT(res_msg_evo, prefix_bits), AT(res_msg_evo, af)),
-    dec(" tid=", AT(res_msg_evo, tid)),
-    dec(" reason=", AT(res_msg_evo, reason)),
-    uns(" ifidx=", AT(res_msg_evo, ifidx)),
-    dec(" nhidx=", AT(res_msg_evo, nhidx)),
-    uns(" expected=", AT(res_msg_evo, expected_ifidx)),
+    dec("tid=", AT(res_msg_evo, tid)), named(" af=", AT(res_msg_evo, af), rtslib_format_af),
+    dec(" reason=", AT(res_msg_evo, reason)), uns(" ifidx=", AT(res_msg_evo, ifidx)),
+    dec(" nhidx=", AT(res_msg_evo, nhidx)), uns(" expected=", AT(res_msg_evo, expected_ifidx)),
     uns(" bd=", AT(res_msg_evo, bd_idx)),
-    octets(" source=", AT(res_msg_evo, source)),
-    octets(" destination=", AT(res_msg_evo, destination)),
+    prefix(" prefix=", AT(res_msg_evo, prefix), AT(res_msg_evo, prefix_bits), AT(res_msg_evo, af)),
+    octets(" source=", AT(res_msg_evo, source)), octets(" destination=", AT(res_msg_evo, destination)),
     uns(" packet=", AT(res_msg_evo, packet_len)),
 };
 constexpr format_line resolve_line = line_of(resolve_pieces, sizeof(struct res_msg_evo));
@@ -194,23 +187,23 @@ constexpr format_piece filter_pieces[] = {
     string("name=", AT(dfw_msg, name)), dec(" af=", AT(dfw_msg, af)), dec(" idx=", AT(dfw_msg, idx)),
     dec(" fulllen=", AT(dfw_msg, fulllen)),
 };
-constexpr format_line filter_line = line_of(filter_pieces, sizeof(struct dfw_msg));
+constexpr format_line filter_line = line_in_own_order(filter_pieces, sizeof(struct dfw_msg));
 
 constexpr format_piece name_pieces[] = { uns("", AT(ntbl_entry, id)), string("=", AT(ntbl_entry, name)) };
 constexpr format_line name_line = line_of(name_pieces, sizeof(struct ntbl_entry));
 constexpr format_piece name_table_pieces[] = {
-    string("name=", AT(ntbl_msg, name)), dec(" af=", AT(ntbl_msg, af)), dec(" idx=", AT(ntbl_msg, idx)),
-    dec(" fulllen=", AT(ntbl_msg, fulllen)), dec(" offset=", AT(ntbl_msg, offset)),
-    hex(" flags=0x", AT(ntbl_msg, flags)), items(" entries=", AT(ntbl_msg, entries), &name_line),
+    dec("af=", AT(ntbl_msg, af)), dec(" idx=", AT(ntbl_msg, idx)), dec(" fulllen=", AT(ntbl_msg, fulllen)),
+    dec(" offset=", AT(ntbl_msg, offset)), hex(" flags=0x", AT(ntbl_msg, flags)), string(" name=", AT(ntbl_msg, name)),
+    items(" entries=", AT(ntbl_msg, entries), &name_line),
 };
 constexpr format_line name_table_line = line_of(name_table_pieces, sizeof(struct ntbl_msg));
 
 constexpr format_piece sample_pieces[] = {
-    named("", AT(sample_msg, af), rtslib_format_af), string(" name=", AT(sample_msg, name)),
-    dec(" instance=", AT(sample_msg, instance)), uns(" rate=", AT(sample_msg, rate)),
-    uns(" run=", AT(sample_msg, run_length)), uns(" max_pps=", AT(sample_msg, max_packets_s)),
-    uns(" max_octets=", AT(sample_msg, max_octets)), hex(" flags=0x", AT(sample_msg, flags)),
-    uns(" ifidx=", AT(sample_msg, ifidx)),
+    named("", AT(sample_msg, af), rtslib_format_af), dec(" instance=", AT(sample_msg, instance)),
+    uns(" rate=", AT(sample_msg, rate)), uns(" run=", AT(sample_msg, run_length)),
+    uns(" max_pps=", AT(sample_msg, max_packets_s)), uns(" max_octets=", AT(sample_msg, max_octets)),
+    hex(" flags=0x", AT(sample_msg, flags)), uns(" ifidx=", AT(sample_msg, ifidx)),
+    string(" name=", AT(sample_msg, name)),
 };
 constexpr format_line sample_line = line_of(sample_pieces, sizeof(struct sample_msg));
 

@@ -26,7 +26,7 @@ constexpr format_piece association_pieces[] = {
     dec(" spi=", AT(sa_raw, spi)), dec(" proto=", AT(sa_raw, proto)), dec(" idx=", AT(sa_raw, idx)),
     dec(" iflidx=", AT(sa_raw, iflidx)),
 };
-constexpr format_line association_line = line_of(association_pieces, sizeof(struct sa_raw));
+constexpr format_line association_line = line_in_own_order(association_pieces, sizeof(struct sa_raw));
 
 void put_error_text(struct format_out *out, const void *record)
 {
@@ -42,7 +42,7 @@ constexpr format_piece error_pieces[] = {
     named(" sender_id=", AT(rts_err_raw, sender_id), rtslib_format_msg_sender_id),
     uns(" mproc_err=", AT(rts_err_raw, mproc_err)), uns(" final_err=", AT(rts_err_raw, final_err)), literal(":"),
 };
-constexpr format_line error_line = line_of(error_pieces, sizeof(struct rts_err_raw), put_error_text);
+constexpr format_line error_line = line_in_own_order(error_pieces, sizeof(struct rts_err_raw), put_error_text);
 
 /* --- settings and commits -------------------------------------------------------------------------------------- */
 
@@ -51,10 +51,10 @@ constexpr format_piece setting_pieces[] = {
 };
 constexpr format_line setting_line = line_of(setting_pieces, sizeof(struct rts_sysconf_item));
 constexpr format_piece settings_pieces[] = {
-    string("hostname=", AT(rts_sysconf_msg, hostname)), hex(" change=0x", AT(rts_sysconf_msg, change)),
-    hex(" flags=0x", AT(rts_sysconf_msg, flags)), dec(" gen=", AT(rts_sysconf_msg, gen)),
-    mac(" mac=", AT(rts_sysconf_msg, base_mac.octet)), dec(" macs=", AT(rts_sysconf_msg, mac_count)),
-    items(" items=", AT(rts_sysconf_msg, items), &setting_line),
+    hex("change=0x", AT(rts_sysconf_msg, change)), hex(" flags=0x", AT(rts_sysconf_msg, flags)),
+    dec(" gen=", AT(rts_sysconf_msg, gen)), mac(" mac=", AT(rts_sysconf_msg, base_mac.octet)),
+    dec(" macs=", AT(rts_sysconf_msg, mac_count)), items(" items=", AT(rts_sysconf_msg, items), &setting_line),
+    string(" hostname=", AT(rts_sysconf_msg, hostname)),
 };
 constexpr format_line settings_line = line_of(settings_pieces, sizeof(struct rts_sysconf_msg));
 
@@ -68,19 +68,19 @@ constexpr format_piece commit_pieces[] = {
 constexpr format_line commit_line = line_of(commit_pieces, sizeof(struct rts_commit_msg));
 
 constexpr format_piece marker_pieces[] = {
-    string("name=", AT(rts_marker_msg, name)), uns(" id=", AT(rts_marker_msg, marker_id)),
-    hex(" cookie=0x", AT(rts_marker_msg, cookie)), dec(" phase=", AT(rts_marker_msg, phase)),
-    hex(" flags=0x", AT(rts_marker_msg, flags)),
+    uns("id=", AT(rts_marker_msg, marker_id)), hex(" cookie=0x", AT(rts_marker_msg, cookie)),
+    dec(" phase=", AT(rts_marker_msg, phase)), hex(" flags=0x", AT(rts_marker_msg, flags)),
+    string(" name=", AT(rts_marker_msg, name)),
 };
 constexpr format_line marker_line = line_of(marker_pieces, sizeof(struct rts_marker_msg));
 
 /* --- cards and their state ------------------------------------------------------------------------------------- */
 
 constexpr format_piece card_pieces[] = {
-    string("name=", AT(pic_msg, name)), dec(" fpc=", AT(pic_msg, fpc_slot)), dec(" pic=", AT(pic_msg, pic_slot)),
-    hex(" type=0x", AT(pic_msg, pic_type)), dec(" state=", AT(pic_msg, state)), hex(" flags=0x", AT(pic_msg, flags)),
-    dec(" ports=", AT(pic_msg, port_count)), dec(" ifds=", AT(pic_msg, ifd_count)), dec(" gen=", AT(pic_msg, gen)),
-    uns(" online=", AT(pic_msg, online_since.tv_sec)),
+    dec("fpc=", AT(pic_msg, fpc_slot)), dec(" pic=", AT(pic_msg, pic_slot)), hex(" type=0x", AT(pic_msg, pic_type)),
+    dec(" state=", AT(pic_msg, state)), hex(" flags=0x", AT(pic_msg, flags)), dec(" ports=", AT(pic_msg, port_count)),
+    dec(" ifds=", AT(pic_msg, ifd_count)), dec(" gen=", AT(pic_msg, gen)),
+    uns(" online=", AT(pic_msg, online_since.tv_sec)), string(" name=", AT(pic_msg, name)),
 };
 constexpr format_line card_line = line_of(card_pieces, sizeof(struct pic_msg));
 
@@ -117,15 +117,15 @@ constexpr format_piece inject_pieces[] = {
 constexpr format_line inject_line = line_of(inject_pieces, sizeof(struct pktinject_msg));
 
 constexpr format_piece ddos_pieces[] = {
-    string("name=", AT(ddos_msg, name)), dec(" proto=", AT(ddos_msg, protocol)),
-    dec(" kind=", AT(ddos_msg, packet_type)), uns(" bandwidth=", AT(ddos_msg, bandwidth)),
-    uns(" burst=", AT(ddos_msg, burst)), dec(" priority=", AT(ddos_msg, priority)), dec(" state=", AT(ddos_msg, state)),
+    dec("proto=", AT(ddos_msg, protocol)), dec(" kind=", AT(ddos_msg, packet_type)),
+    uns(" bandwidth=", AT(ddos_msg, bandwidth)), uns(" burst=", AT(ddos_msg, burst)),
+    dec(" priority=", AT(ddos_msg, priority)), dec(" state=", AT(ddos_msg, state)),
     hex(" flags=0x", AT(ddos_msg, flags)), dec(" fpc=", AT(ddos_msg, fpc_slot)),
     uns(" recover=", AT(ddos_msg, recover_s)), uns(" violations=", AT(ddos_msg, violations)),
     uns(" first=", AT(ddos_msg, first_violation.tv_sec)), uns(" last=", AT(ddos_msg, last_violation.tv_sec)),
     uns(" received=", AT(ddos_msg, counters.received.packets)),
-    uns(" dropped=", AT(ddos_msg, counters.dropped.packets)),
-    uns(" rate=", AT(ddos_msg, counters.arrival_rate)), uns(" peak=", AT(ddos_msg, counters.peak_rate)),
+    uns(" dropped=", AT(ddos_msg, counters.dropped.packets)), uns(" rate=", AT(ddos_msg, counters.arrival_rate)),
+    uns(" peak=", AT(ddos_msg, counters.peak_rate)), string(" name=", AT(ddos_msg, name)),
 };
 constexpr format_line ddos_line = line_of(ddos_pieces, sizeof(struct ddos_msg));
 
@@ -138,7 +138,7 @@ constexpr format_piece notice_pieces[] = {
 constexpr format_line notice_line = line_of(notice_pieces, sizeof(struct notify_msg));
 
 constexpr format_piece statistic_pieces[] = {
-    string("", AT(sysstats_entry, name)), uns(":", AT(sysstats_entry, id)), uns("=", AT(sysstats_entry, value)),
+    uns("", AT(sysstats_entry, id)), uns("=", AT(sysstats_entry, value)), string(" ", AT(sysstats_entry, name)),
 };
 constexpr format_line statistic_line = line_of(statistic_pieces, sizeof(struct sysstats_entry));
 constexpr format_piece statistics_pieces[] = {

@@ -1,6 +1,8 @@
 /*
  * rtsmon: what it prints of changes to the model, and of those of Linux in a network namespace of the test's own.
  */
+#include "platform/rtsock/model/rtsock_model.h"
+
 #include <fnmatch.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -8,6 +10,10 @@
 #include <stdlib.h>
 #include <string>
 #include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+int rtsmon_main(int argc, char **argv);   // the program's main
 
 static std::string output_of(const std::string &command, int *status)
 {
@@ -52,6 +58,42 @@ TEST(Rtsmon, PrintsWhatChangesInTheModel)
         std::string output = output_of(command, &status);
         EXPECT_EQ(status, run.status) << run.arguments;
         EXPECT_EQ(fnmatch(run.output, output.c_str(), 0), 0) << run.arguments << "\n" << output;
+    }
+}
+
+/* Raw messages of types that have records. The model sends all so, to a monitor in a child of this process. */
+TEST(Rtsmon, TellsRawMessagesByTheirHeaders)
+{
+    static const char input[] = "table blue index 5 family inet\ndevice ge-0/0/0 index 7\n";
+    static const char lines[] = "add rttable raw * octets\nadd ifdev raw * octets\n";
+    static const struct {
+        std::string form;
+        const char *output;
+    } runs[] = { { "table", lines }, { "--brief", lines }, { "--full", lines },
+                 { "--json", "{\"type\":\"rttable\",\"op\":\"add\",\"seq\":*,\"raw\":*}\n{\"type\":\"ifdev\"*}\n" } };
+    for (const auto &run : runs) {
+        std::string words[] = { "rtsmon", "--kernel", "model", "table", "device", run.form };
+        std::vector<char *> arguments;
+        for (std::string &word : words) arguments.push_back(word.data());
+        int in[2], out[2], status = -1;
+        ASSERT_TRUE(pipe(in) == 0 && pipe(out) == 0);
+        EXPECT_EQ(write(in[1], input, sizeof input - 1), ssize_t(sizeof input - 1));
+        fflush(stdout);
+        pid_t child = fork();
+        if (child == 0) {
+            dup2(in[0], STDIN_FILENO), dup2(out[1], STDOUT_FILENO), close(in[1]);
+            rtsock_model_form(RK_FORM_RAW);
+            status = rtsmon_main(int(arguments.size()), arguments.data());
+            fflush(stdout);
+            _exit(status);
+        }
+        close(in[0]), close(in[1]), close(out[1]);
+        char text[4096] = "";
+        for (ssize_t at = 0, n; (n = read(out[0], text + at, sizeof text - 1 - size_t(at))) > 0;) at += n;
+        close(out[0]);
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0);
+        EXPECT_EQ(fnmatch(run.output, text, 0), 0) << text;
     }
 }
 

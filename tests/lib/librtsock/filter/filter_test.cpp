@@ -119,6 +119,8 @@ static std::string listing(const std::vector<uint8_t> &block, bool (*print)(FILE
 static const struct { const char *source, *program; } programs[] = {
     { "RTM_ADD", "16 10 integer 1" },
     { "NULL & 4294967295", "16 10 integer 0; 48 10 integer -1; 80 11 operator &" },
+    // the low 32 bits up to 2^63 - 1, all bits beyond
+    { "4294967297 & 9223372036854775808", "16 10 integer 1; 48 10 integer -1; 80 11 operator &" },
     { "a == 10.1.0.0/16", "16 1 field a; 48 14 ipv4 10.1.0.0, words 1; 80 11 operator == ipv4, words 1" },
     { "1.2.3.4/33 != a", "16 14 ipv4 1.2.3.4, words 2; 48 1 field a; 80 11 operator != ipv4, words 2" },
     { "a == ::", "16 1 field a; 48 15 ipv6 ::, words 4; 80 11 operator == ipv6, words 4" },
@@ -158,6 +160,22 @@ TEST(filter, expressions_become_programs)
               "00 00 00 00 00 00 00 00 00 00 00 00 0b 00 14 00; 0f 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00");
 }
 
+TEST(filter, named_constants)
+{
+    static const struct { const char *name; int value; } constants[] = {
+        { "NULL", 0 }, { "AF_INET", 2 }, { "AF_INET6", 28 }, { "AF_ATM", 30 }, { "AF_ROUTE", 17 }, { "AF_LINK", 18 },
+        { "GENCFG_SDK_MAJOR_TYPE", 32768 }, { "MEM_1MB", 1048576 }, { "RTM_ADD", 1 }, { "RTM_CHANGE", 2 },
+        { "RTM_CLEAR", 6 }, { "RTM_DELETE", 3 }, { "RTM_GET", 4 }, { "RTM_GETNEXT", 5 }, { "GENCFG_TYPE_PUBLIC", 19 },
+        { "GENCFG_MPSDK_CFG", 21 },
+    };
+    for (const auto &row : constants) {
+        EXPECT_EQ(listing(compile_text(row.name).block, listing_print),
+                  "16 10 integer " + std::to_string(row.value)) << row.name;
+        std::string longer = std::string(row.name) + "_";   // another name
+        EXPECT_EQ(listing(compile_text(longer.c_str()).block, listing_print), "16 1 field " + longer);
+    }
+}
+
 static const struct { const char *source, *said; unsigned line, column; } refusals[] = {
     { "", "syntax error \n", 1, 1 },
     { "a ==\n\t1 2", "syntax error \n", 2, 4 },
@@ -181,6 +199,8 @@ TEST(filter, refusals_say_what_and_where)
         EXPECT_EQ(outcome.said, row.said) << row.source;
         EXPECT_EQ(std::make_pair(line, column), std::make_pair(row.line, row.column)) << row.source;
     }
+    EXPECT_EQ(listing(compile_text("1.2.3.999 == 1::2::3").block, listing_print),   // zero addresses go on
+              "16 14 ipv4 0.0.0.0, words 1; 48 15 ipv6 ::, words 4; 80 11 operator == ipv4, words 1");
     struct outcome outcome = compile_text("a #\xff= b");   // what begins no word is written out and skipped
     EXPECT_EQ(outcome.echoed, "#\xff=");
     EXPECT_EQ(outcome.said, "syntax error \n");
@@ -194,6 +214,7 @@ TEST(filter, limits)
     EXPECT_EQ(full.result, -2);
     EXPECT_EQ(full.said, "Invalid ip prefix\n \nInsufficient parse buffer size!\n \n");
     EXPECT_EQ(compile_text("a", 8).result, -2);
+    EXPECT_EQ(compile_text("a.$", 48).said, "Insufficient parse buffer size!\n \n");   // the room is tested first
     EXPECT_EQ(compile_text("==", 0).said, "");
     EXPECT_EQ(rts_filter_string_parse("a", nullptr, 0), -1);
     EXPECT_EQ(compile_text(std::string(511, 'a').c_str()).result, 0);
@@ -264,6 +285,9 @@ TEST(filter, memory_that_runs_out_at_any_place_refuses_and_leaves_nothing)
 TEST(filter, damaged_programs_are_seen)
 {
     std::vector<uint8_t> good = compile_text("a == 1", 112).block;
+    std::vector<uint8_t> odd = good;
+    odd[32] = 0x1b;   // the name
+    EXPECT_EQ(listing(odd, listing_print).find("16 1 field \\x1b; 48 "), 0U);
     auto prints = [](const std::vector<uint8_t> &block) {
         FILE *out = fopen("/dev/null", "w");
         bool printed = listing_print(out, block.data(), block.size());

@@ -125,7 +125,7 @@ TEST(format_lines, interfaces)
                           "linkflags 0, priv_flags 0  snmpid=0, hier-levels=0, l2-count=0, l3-count=0\n");
     char full[RTSLIB_FORMAT_FULL_SIZE];
     EXPECT_EQ(rtslib_ifdm_format_full_output(nullptr, full, &dev), 0);
-    EXPECT_NE(strstr(full, "\n  ifm_speed=400000000000 "), nullptr);
+    EXPECT_NE(strstr(full, "\n  mtu=0 ifm_speed=400000000000 "), nullptr);
 
     uint8_t address[4] = { 192, 0, 2, 1 };
     ifa_msg ifa = {};
@@ -152,6 +152,28 @@ TEST(format_lines, families_and_their_items)
     EXPECT_NE(body(&family).find(" apply [dir=1 kind=2 prec=3 idx=4 flags=0x5]\n"), std::string::npos);
     apply.u.ifftlv_apply_info.blob_len -= 5;
     EXPECT_NE(body(&family).find("Error -1 decoding iffi_apply_info_blob.\n"), std::string::npos);
+
+    std::vector<iffi_apply_info> many(1500, applied);   // a sound blob, but larger than what a rendering decodes
+    std::vector<uint8_t> large(many.size() * 48 + 64);
+    contents.entries = many.data(), contents.entries_len = uint32_t(many.size());
+    length = tlv_encode_iffi_apply_info_blob_0(&contents, nullptr, large.data(), large.size());
+    apply.u.ifftlv_apply_info = { large.data(), uint32_t(length) };
+    EXPECT_NE(body(&family).find("Too large to be shown: iffi_apply_info_blob of " + std::to_string(length) +
+                                 " octets.\n"), std::string::npos);
+}
+
+/* What a line has no word of its own for stands in the record's order. */
+TEST(format_lines, follow_their_records)
+{
+    uint8_t destination[4] = { 10, 1 };
+    rtm_msg match = {};
+    match.rts_hdr = header(12);
+    match.tid = 5, match.af = 2, match.rt_type = 1, match.nh_type = 2, match.nhidx = 7, match.ifidx = 8;
+    match.prefix = destination, match.prefix_len = 4, match.prefix_bits = 16;
+    EXPECT_EQ(body(&match), "tid=5 af=inet type=user nh=ucst flags=0x0 nhidx=7 ifidx=8 prefix=10.1/16\n");
+    rts_marker_msg marker = {};
+    marker.rts_hdr = header(102), marker.marker_id = 1, marker.name = name, marker.name_len = 4;
+    EXPECT_EQ(body(&marker), "id=1 cookie=0x0 phase=0 flags=0x0 name=blue\n");
 }
 
 TEST(format_lines, composites_and_blobs)
@@ -199,8 +221,8 @@ TEST(format_lines, raw_messages)
     EXPECT_EQ(body(&limits), "IFS EndOfChain client=keld pending=5/9 limit=0\n");
     auto state = raw<ifsm_raw>(47);
     state.object_type = 5, state.object_op = 1, state.receivers = 2;
-    EXPECT_EQ(body(&state), "ROUTE add name= idx=0 flags=0x0\n");
-    EXPECT_EQ(body(&state, 0), "ROUTE add name= idx=0 flags=0x0 seq=0 clients=0 rcv=All slots=0x0 issu=IDLE\n");
+    EXPECT_EQ(body(&state), "ROUTE add idx=0 flags=0x0 name=\n");
+    EXPECT_EQ(body(&state, 0), "ROUTE add idx=0 flags=0x0 name= rcv=All issu=IDLE clients=0 slots=0x0 seq=0\n");
     auto stats = raw<iflstats_raw>(16);
     stats.idx = 70, stats.counters = { 1, 2, 3, 4 };
     EXPECT_EQ(body(&stats), "iflidx=70, txpkts=3 rxpkts=1\n");
