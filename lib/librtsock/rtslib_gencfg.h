@@ -118,9 +118,9 @@ int rtslib_gencfg_delete(struct rtslib_cookie *cookie, gencfg_t *gencfg);
  * staying set. 22 for a null message.
  *
  * A get (RTM_OP_GET, RTM_OP_GETNEXT) refills gencfg from the reply, and so does a bulk delete; the others leave it
- * alone. A walk is given the previous structure with blob and blob_len cleared (a blob that is too large to send would
- * be refused, though a get sends none), and begins with GENCFG_FLAG_KEY and no key. Its result is 0 even for a blob that
- * could not be decompressed, so that the walk can go on. */
+ * alone. A walk is given the previous structure with blob and blob_len cleared, as a get sends a blob that is there and
+ * is refused for one that is too large, and begins with GENCFG_FLAG_KEY and no key. Its result is 0 even for a blob
+ * that could not be decompressed, so that the walk can go on. */
 int rtslib_gencfg_get(struct rtslib_cookie *cookie, gencfg_t *gencfg, uint8_t operation, void **message, void **mask);
 int rtslib_gencfg_add_and_get(struct rtslib_cookie *cookie, gencfg_t *gencfg, void **message, void **mask);
 int rtslib_gencfg_change_and_get(struct rtslib_cookie *cookie, gencfg_t *gencfg, void **message, void **mask);
@@ -145,7 +145,9 @@ int rtslib_gencfg_op_export(struct rtslib_cookie *cookie, gencfg_t *gencfg, uint
 /* For a decoded message that has just arrived as an event: decompresses its blob if its flags say so. 0, also for a
  * message that is left as it is. Otherwise *message is still the old one, its blob_len 0, and still the caller's. */
 int rtslib_gencfg_async(struct rtslib_cookie *cookie, void **message);
-/* Both are kept in the cookie for its life. Nothing happens if any argument is null. */
+/* Both are kept in the cookie for its life. Nothing happens if any argument is null. Both are called for nothing, too: a
+ * blob that is not there may be null, and its length is 0. One that says 0 and more octets than it had room for has
+ * failed with 22. */
 void rtslib_init_blob_compression(struct rtslib_cookie *cookie, rtslib_compress_func compress,
                                   rtslib_compress_func decompress);
 
@@ -156,8 +158,9 @@ void rtslib_init_blob_compression(struct rtslib_cookie *cookie, rtslib_compress_
 int rtslib_gencfg_create_peerinfo(gencfg_t *gencfg, uint32_t capacity);
 int rtslib_gencfg_add_peerinfo_storage(gencfg_t *gencfg, uint32_t capacity, void *buffer, size_t size);
 /* Adds peer's peer_index under its peer_type. Choice 1 makes an entry by index. Choice 0 does so too, but in a major
- * type that has the mask form it is one more bit in the one mask entry, the type being that of the peer added last. All
- * entries have one choice. -1: no room, no storage, another choice than the first entry's, an index beyond the mask. */
+ * type that has the mask form it is one more bit in the one mask entry, the type being that of the peer that came last.
+ * All entries have one choice. -1: no room, no storage, another choice than the first entry's, an index beyond the mask
+ * (whose peer leaves its type in a mask that was there before). */
 int rtslib_gencfg_add_peerinfo(gencfg_t *gencfg, const gencfg_peerinfo_t *peer);
 /* Frees the room of rtslib_gencfg_create_peerinfo. A borrowed buffer must not be given here: set peers to null. */
 void rtslib_gencfg_delete_peerinfo(gencfg_t *gencfg);

@@ -29,7 +29,7 @@ enum rtslib_memid : uint16_t {
     MEMID_RTSLIB_ITABLE_BORROWER = 64,
     MEMID_RTSLIB_ITABLE_DONOR = 65,
     MEMID_RTSLIB_ITABLE_MAX = 66,
-    MEMID_RTSLIB_BORROWER = 74,          // a donor's entry in donor tracking
+    MEMID_RTSLIB_BORROWER = 74,          // an entry of donor tracking: a donor, or one of its borrowers
     MEMID_RTSLIB_UNNUM = 75,             // the donor-tracking block
     MEMID_RTSLIB_MSG = 76,               // messages, and all of rtslib_size_alloc
     MEMID_RTSLIB_MAX = 77,

@@ -4,10 +4,13 @@
  *
  * A compressed copy takes the blob's place in the request for the time of one operation. It may be no larger than the
  * blob, so what does not shrink fails. A decompressed blob cannot take its place in a decoded message, which is one
- * block: the whole message is copied to a larger one.
+ * block: the whole message is copied to a larger one. A function that says it wrote more than it had room for is not
+ * believed: that is a failure with 22.
  */
 #include "lib/librtsock/gencfg/gencfg.h"
 #include "platform/target.h"
+
+#include <algorithm>
 
 namespace {
 
@@ -16,12 +19,19 @@ void report_uninitialized(struct rtslib_cookie *cookie)
     rtslib_err(cookie, RTSLIB_ERROR, "Compression was not initialized for rtslib\n");
 }
 
+/* What a function's success is worth. */
+int judge(int result, uint32_t said, uint32_t room)
+{
+    return result == 0 && said > room ? int(TARGET_EINVAL) : result;
+}
+
 /* 0 with the copy's blob filled, or why not; the copy is the caller's in any case. */
 int decompress_into(struct rtslib_cookie *cookie, struct gencfg_msg *copy, const struct gencfg_msg *message)
 {
     int result = cookie->blob_decompress(copy->blob, &copy->blob_len, message->blob, message->blob_len);
-    rtslib_err(cookie, RTSLIB_DEBUG, "Gencfg blob was decompressed from %d to %d bytes (rc %d)\n",
-               int(message->blob_len), int(copy->blob_len), result);
+    result = judge(result, copy->blob_len, GENCFG_BLOB_DECOMPRESSED);
+    rtslib_err(cookie, RTSLIB_DEBUG, "Gencfg blob was decompressed from %ld to %ld bytes (rc %d)\n",
+               long(message->blob_len), long(copy->blob_len), result);
     if (result != 0)
         rtslib_err(cookie, RTSLIB_ERROR, "Failed to decompress blob (rc %d)\n", result);
     return result;
@@ -59,23 +69,23 @@ int gencfg_compress(struct rtslib_cookie *cookie, gencfg_t *gencfg)
         report_uninitialized(cookie);
         return TARGET_EOPNOTSUPP;
     }
-    if (gencfg->blob == nullptr || gencfg->blob_len == 0)
-        return 0;
-    void *copy = rtslib_malloc(MEMID_RTSLIB_READ_BUFFER, gencfg->blob_len);
+    // Kept on purpose: a request without a blob has its nothing compressed, and sends what comes of that.
+    uint32_t room = gencfg->blob != nullptr ? gencfg->blob_len : 0;
+    void *copy = rtslib_malloc(MEMID_RTSLIB_READ_BUFFER, std::max<size_t>(room, 1));
     if (copy == nullptr) {
         rtslib_err(cookie, RTSLIB_ERROR, "Failed to allocate memory for compressed blob\n");
         return TARGET_ENOMEM;
     }
-    uint32_t length = gencfg->blob_len;
-    int result = cookie->blob_compress(copy, &length, gencfg->blob, gencfg->blob_len);
+    uint32_t length = room;
+    int result = cookie->blob_compress(copy, &length, gencfg->blob, room);
+    result = judge(result, length, room);
     if (result != 0) {
-        rtslib_err(cookie, RTSLIB_ERROR, "Failed to compress gencfg blob of %d bytes (rc %d)\n",
-                   int(gencfg->blob_len), result);
+        rtslib_err(cookie, RTSLIB_ERROR, "Failed to compress gencfg blob of %d bytes (rc %d)\n", int(room), result);
         rtslib_free(MEMID_RTSLIB_READ_BUFFER, copy);
         return result;
     }
-    rtslib_err(cookie, RTSLIB_DEBUG, "Gencfg blob was compressed from %d to %d bytes (rc %d)\n",
-               int(gencfg->blob_len), int(length), result);
+    rtslib_err(cookie, RTSLIB_DEBUG, "Gencfg blob was compressed from %ld to %ld bytes (rc %d)\n", long(room),
+               long(length), result);
     gencfg->blob = copy;
     gencfg->blob_len = length;
     return 0;

@@ -63,6 +63,8 @@ void rtslib_gencfg_delete_depend(gencfg_t *gencfg)
 {
     if (gencfg->dep != nullptr)
         rtslib_free(MEMID_RTSLIB_GENCFG_DEPEND, gencfg->dep);
+    // Kept on purpose: the flag outlives the storage, so that the next request of this structure is refused until it
+    // has dependencies again or the client takes the flag away.
     gencfg->dep_count = 0;
     gencfg->dep = nullptr;
 }

@@ -18,8 +18,7 @@ bool gencfg_mask_has(const uint32_t *mask, uint8_t peer_class, uint16_t index);
 
 /* --- compression ------------------------------------------------------------------------------------------------ */
 
-/* 0 with a copy, memory id RTSLIB_READ_BUFFER, in place as gencfg's blob, or with no blob there as it was; otherwise
- * gencfg is as before. */
+/* 0 with a copy, memory id RTSLIB_READ_BUFFER, in place as gencfg's blob; otherwise gencfg is as before. */
 [[nodiscard]] int gencfg_compress(struct rtslib_cookie *cookie, gencfg_t *gencfg);
 /* Replaces *message, and *mask if there is one, by a copy whose blob is decompressed. On failure both stay, the
  * message's blob_len being 0. mask may be null. */

@@ -188,7 +188,7 @@ int open_reply(const exchange &x)
         return 0;
     int result = gencfg_decompress(x.cookie, &reply, x.mask);
     *x.message = reply;
-    // A walk goes on behind a blob that nobody can read.
+    // Kept on purpose: a walk is told 0 for a blob that nobody can read, so that it goes on behind it.
     return x.operation == RTM_OP_GETNEXT ? 0 : result;
 }
 
@@ -212,6 +212,8 @@ int transact(const exchange &x, gencfg_t *gencfg)
     bool replies = has_reply(x.operation);
     if (replies && result == 0)
         result = read_reply(x);
+    // Kept on purpose: a bulk delete has its structure filled from any reply that came, also where the result is an
+    // error, though other requests of its kind leave the structure alone.
     const struct gencfg_msg *reply = replies ? reply_of(x) : nullptr;
     if (reply != nullptr && (bulk || (result == 0 && !is_change_and_get(x.operation))))
         refresh(gencfg, reply);
@@ -238,8 +240,7 @@ int send_compressed(const exchange &x, gencfg_t *gencfg)
     if (result != 0)
         return result;
     result = send_checked(x, gencfg);
-    if (gencfg->blob != blob)
-        rtslib_free(MEMID_RTSLIB_READ_BUFFER, gencfg->blob);
+    rtslib_free(MEMID_RTSLIB_READ_BUFFER, gencfg->blob);
     gencfg->blob = blob;
     gencfg->blob_len = length;
     return result;

@@ -62,11 +62,12 @@ int join_mask(gencfg_t *gencfg, const gencfg_peerinfo_t *peer)
     gencfg_peerinfo_t *entry = &gencfg->peers[at];
     if (at == gencfg->peer_count)
         *entry = {};
+    // Kept on purpose: the mask has the type of the peer that came last, even of one that is then refused.
+    entry->peer_type = peer->peer_type;
     if (!gencfg_mask_set(entry->peer_mask, peer->peer_type, peer->peer_index)) {
         rtslib_err(nullptr, RTSLIB_ERROR, "Creation of gencfg peer mask failed \n");
         return -1;
     }
-    entry->peer_type = peer->peer_type;
     entry->peer_choice = GENCFG_PEER_MASK;
     if (at == gencfg->peer_count)
         gencfg->peer_count++;

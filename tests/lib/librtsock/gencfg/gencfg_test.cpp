@@ -4,9 +4,12 @@
 #include "lib/librtsock/rtslib_gencfg.h"
 #include "tests/lib/librtsock/scripted_kernel.h"
 
-/* Blobs are runs of one octet here; compressed: that octet and the length. */
+/* Blobs are runs of one octet here; compressed: that octet and the length. Both lie where there is no room: about seven
+ * octets, and about too many. */
+enum { LIE = 7 };
 static int squeeze(void *to, uint32_t *length, const void *from, uint32_t from_length)
 {
+    if (from_length == LIE) return *length = LIE + 1, 0;
     if (*length < 5) return 99;
     memcpy(to, from, 1);
     memcpy(static_cast<uint8_t *>(to) + 1, &from_length, 4);
@@ -18,7 +21,7 @@ static int expand(void *to, uint32_t *length, const void *from, uint32_t from_le
     EXPECT_EQ(*length, 0x300000U);
     if (from_length != 5) return 98;
     memcpy(length, static_cast<const uint8_t *>(from) + 1, 4);
-    memset(to, *static_cast<const uint8_t *>(from), *length);
+    if (*length <= 0x300000) memset(to, *static_cast<const uint8_t *>(from), *length);
     return 0;
 }
 
@@ -107,6 +110,8 @@ TEST_F(BlobTest, BlobRequestsAreSentOrRefused)
         { 'A', 0x20001, 0, 4, 35, 8 },
         { 'c', 0x20002, 0, 9, 22, 0, "DEBUG Gencfg blob was compressed from 9 to 5 bytes (rc 0)" },
         { 'c', 0x20001, 0, 4, 99, 0, "ERROR Failed to compress gencfg blob of 4 bytes (rc 99)" },
+        { 'a', 0x20001, 0, 0, 99, 0, "ERROR Failed to compress gencfg blob of 0 bytes (rc 99)" },
+        { 'a', 0x20001, 0, LIE, 22, 0, "ERROR Failed to compress gencfg blob of 7 bytes (rc 22)" },
         { 'a', 0x20001, 0, 9, 12, 0, "ERROR Failed to allocate memory for compressed blob", 0 },
     };
     for (const auto &row : rows) {
@@ -153,7 +158,7 @@ TEST_F(BlobTest, WhatArrivesIsDecompressedAndRefillsTheRequest)
         { 5, 1, 0x20006, 9, true, 0, true, 0 },        { 8, 1, 0x20006, 9, false, 0, false, 9 },
         { 9, 0x400000, 6, 9, false, 0, true, 5 },      { 9, 0x400000, 0x20006, 9, true, 98, true, 0 },
         { 0, 1, 0x20006, 9, false, 0, false, 9 },      { 0, 1, 6, 9, false, 0, false, 5 },
-        { 0, 1, 0x20006, 0, false, 98, false, 0 },
+        { 0, 1, 0x20006, 0, false, 98, false, 0 },     { 4, 1, 0x20006, 0x300001, false, 22, false, 0 },
     };
     rtslib_init_blob_compression(cookie, squeeze, expand);
     for (const auto &row : rows) {
@@ -265,6 +270,7 @@ TEST_F(BlobTest, Peers)
         { 85, 0, { { 1, 0, 44 }, { 1, 0, 45 }, { 1, 0, 46, "", false } }, 1, 44, { 3U << 30, 0, 0 } },
         { 85, 0, { { 1, 0, 4 } }, 1, 4, { 1 << 5, 0, 0 } },
         { 85, 0, { { 17, 0, 49 }, { 16, 0, 65532, "", false }, { 2, 0, 9999, "", false } }, 1, -1, { 0, 5, 0 } },
+        { 85, 0, { { 16, 0, 6 }, { 1, 0, 384, beyond, false } }, 1, -1, { 0, 1, 0 } },   // the mask is of class 1 now
         { 85, 0, { { 16, 0, 0 }, { 16, 1, 0, MISMATCH "2 New: 1" }, { 16, 2, 0, invalid } }, 1, 0, { 1, 0, 0 } },
         { 4, 1, { { 16, 0, 2 } }, 1, 2, { 1 << 10, 0, 0 } },
         { 4, 0, { { 16, 0, 2 }, { 1, 0, 3 } }, 2, 2, {} },
@@ -327,6 +333,7 @@ TEST_F(BlobTest, StorageOfPeersAndDependencies)
     EXPECT_TRUE(d.flag == 5 && d.type == 54 && d.value1 == 2 && d.value2 == 3 && d.data_len == 1 && d.data[0] == 'e');
     release();
     rtslib_gencfg_delete_depend(&g);
+    EXPECT_EQ(rtslib_gencfg_add(cookie, &g), 22);   // its flag is still set
     EXPECT_EQ(rtslib_gencfg_add_depend_storage(&g, &storage, sizeof storage), 0);
     for (int r : { add(55, 1, key), add(1, 6461, blob.data()), add(1, 0, key), add(1, 1, nullptr) }) EXPECT_EQ(r, -1);
     EXPECT_EQ(add(1, 6457, blob.data()), 0);

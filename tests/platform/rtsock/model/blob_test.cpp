@@ -1,4 +1,5 @@
 // Blobs: where they are kept, who hears of them, how many of them are deleted at once.
+#include "lib/librtsock/rtslib_gencfg.h"
 #include "tests/platform/rtsock/model/model_fixture.h"
 
 using namespace std::string_literals;
@@ -21,6 +22,16 @@ protected:
         m.peers_len = uint32_t(peers.size());
         return ask(72, op, m);
     }
+    /* What the flags of a kept blob are. */
+    uint32_t flags(uint16_t minor, std::string key)
+    {
+        gencfg_t g = { .major = 15, .minor = minor, .key_len = uint16_t(key.size()), .key = key.data(), .flags = 2 };
+        void *reply = nullptr;
+        (void)rtslib_gencfg_get(asker, &g, RTM_OP_GET, &reply, nullptr);   // 45 for what is compressed
+        uint32_t kept = reply != nullptr ? static_cast<gencfg_msg *>(reply)->flags : 0;
+        rtslib_msg_idl_release(asker, reply);
+        return kept;
+    }
     /* Choice 1: value is the index; 2: a word of the mask. */
     static gencfg_peerinfo peer(uint8_t type, uint32_t choice, size_t word, uint32_t value)
     {
@@ -41,6 +52,10 @@ TEST_F(BlobTest, they_are_kept_by_types_key_and_object)
     EXPECT_EQ(blob(RTM_OP_ADD, 1, 3, "a", 2, "again"), "-17");
     EXPECT_EQ(blob(RTM_OP_ADD, 1, 2, longest + "k", 0, "x"), "-22");
     EXPECT_EQ(blob(RTM_OP_ADD, 1, 2, longest, 0, "x", {}, 16), "");
+    for (uint32_t start : { 0, 2 }) EXPECT_EQ(blob(RTM_OP_ADD, 1, start, "", 0, "x"), "-22");
+    EXPECT_EQ(blob(RTM_OP_ADD, 0, 4, "", 0, "bare", {}, 17), "");
+    for (uint32_t start : { 0, 2 }) EXPECT_EQ(blob(RTM_OP_GETNEXT, 0, start, "", 0, "", {}, 17), "17 0  0 bare");
+    EXPECT_EQ(blob(RTM_OP_GETNEXT, 0, 4, "", 0, "", {}, 17), "-2");
     heard();
     EXPECT_EQ(blob(RTM_OP_CHANGE, 1, 3, "a", 2, "changed"), "");
     EXPECT_EQ(blob(RTM_OP_GET, 1, 3, "a", 2, ""), "15 1 a 2 changed");
@@ -57,6 +72,19 @@ TEST_F(BlobTest, they_are_kept_by_types_key_and_object)
     EXPECT_EQ(blob(RTM_OP_GET, 1, 2, longest, 0, "", {}, 16), "16 1 " + longest + " 0 x");
 }
 
+// Flags that tell of the blob or of dependencies stay until a change gives others.
+TEST_F(BlobTest, flags_of_parts_stay_with_the_parts)
+{
+    const struct { uint8_t op; uint32_t flags; const char *text; uint32_t kept; } rows[] = {
+        { RTM_OP_ADD, 0x20006, "squeezed", 0x20006 }, { RTM_OP_CHANGE, 2, "", 0x20006 },
+        { RTM_OP_CHANGE, 0x1002, "plain", 0x1006 },   { RTM_OP_CHANGE, 0x20002, "", 6 },
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(blob(row.op, 1, row.flags, "k", 0, row.text), "");
+        EXPECT_EQ(flags(1, "k"), row.kept) << &row - rows;
+    }
+}
+
 // The listener's sender id against peers.
 TEST_F(BlobTest, peers_alone_hear_of_a_blob_that_has_some)
 {
@@ -68,6 +96,8 @@ TEST_F(BlobTest, peers_alone_hear_of_a_blob_that_has_some)
         { 46, { peer(16, 2, 7, 1U << 25) }, false },
         { 47, { peer(1, 2, 7, 1U << 25) }, false },
         { 9, { peer(17, 2, 0, 1U << 7) }, true },        // group 1, slot 1
+        { 1, { peer(17, 2, 0, 1U << 5) }, false },       // whose group says nothing of peer 1
+        { 6, { peer(1, 2, 1, 1) }, false },              // of the other class than the peer put in last
         { 47, { peer(1, 2, 0, UINT32_MAX) }, false },    // its bit would be the 33rd
         { 60, { peer(16, 2, 7, UINT32_MAX) }, false },
     };
