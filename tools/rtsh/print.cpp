@@ -151,7 +151,8 @@ bool rtsh_report(const struct rtsh &shell, const std::string &what, int result)
     int host = target_errno_to_host(result);
     const char *name = result > 0 ? strerrorname_np(host) : nullptr;
     std::string text = result < 0 ? "the reply does not belong to the request" : strerror(host);
-    rtsh_complain(shell, what + ": " + (name != nullptr ? name : "error") + " (" + std::to_string(result) + "): " + text);
+    std::string label = name != nullptr ? name : "error";
+    rtsh_complain(shell, what + ": " + label + " (" + std::to_string(result) + "): " + text);
     return false;
 }
 
