@@ -55,12 +55,14 @@ int rtslib_rtmatch_fwding_nh_ifindex(struct rtslib_cookie *cookie, uint16_t tid,
     if (result != 0)
         return result;
     auto *match = static_cast<struct rtm_msg *>(*message);
-    if (match == nullptr || match->nhidx == 0)
+    if (!rtslib_reply_is(match, RTSLIB_TYPE_MATCH) || match->nhidx == 0)
         return -1;
     void *nexthop = nullptr;
-    if (rtslib_rnhm_get_by_index(cookie, match->nhidx, family, RTM_OP_GET, &nexthop, nullptr) != 0 ||
-        nexthop == nullptr)
+    int error = rtslib_rnhm_get_by_index(cookie, match->nhidx, family, RTM_OP_GET, &nexthop, nullptr);
+    if (error != 0 || !rtslib_reply_is(nexthop, RTSLIB_TYPE_NEXTHOP)) {
+        rtslib_msg_idl_release(cookie, nexthop);
         return -1;
+    }
     match->ifidx = interface_of(static_cast<const struct rnh_msg *>(nexthop));
     rtslib_msg_idl_release(cookie, nexthop);
     return 0;

@@ -72,6 +72,13 @@ int rtslib_nh_get(struct rtslib_cookie *cookie, const struct rtslib_nh_kind *kin
         result = rtslib_request_run(cookie, request, RTSLIB_ANSWERED, rtslib_long_msg_read_idl, message, mask);
         if (result != 0 || get->operation != RTM_OP_GETNEXT || *message == nullptr)
             return result;
+        if (!rtslib_reply_is(*message, RTSLIB_TYPE_NEXTHOP)) {
+            rtslib_msg_idl_release(cookie, *message);
+            *message = nullptr;
+            if (mask != nullptr)
+                *mask = nullptr;
+            return TARGET_EIO;
+        }
         const auto *reply = static_cast<const struct rnh_msg *>(*message);
         if (kind->matches(reply))
             return 0;

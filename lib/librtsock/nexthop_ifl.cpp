@@ -33,7 +33,7 @@ int rtslib_rnhm_iflnh_add(struct rtslib_cookie *cookie, uint32_t ifidx, uint8_t 
     request->entries_len = request->entries != nullptr ? sizeof sent : 0;
     void *reply = nullptr;
     int result = rtslib_request_ask(cookie, request, rtslib_long_msg_read_idl, &reply, nullptr);
-    if (result == 0 && reply != nullptr)
+    if (result == 0 && rtslib_reply_is(reply, RTSLIB_TYPE_NEXTHOP))
         *index = static_cast<const struct rnh_msg *>(reply)->idx;
     rtslib_msg_idl_release(cookie, reply);
     return result;

@@ -97,6 +97,11 @@ int rtslib_request_ask(struct rtslib_cookie *cookie, void *request, rtslib_reply
     return result;
 }
 
+bool rtslib_reply_is(const void *reply, uint8_t type)
+{
+    return reply != nullptr && static_cast<const struct rts_hdr *>(reply)->rtsh_type == type;
+}
+
 bool rtslib_request_is_answered(uint8_t operation, uint32_t answered)
 {
     return operation < RTSLIB_OPS && (answered >> operation & 1) != 0;

@@ -39,6 +39,10 @@ int rtslib_request_send(struct rtslib_cookie *cookie, void *request);
 typedef int (*rtslib_reply_func)(struct rtslib_cookie *cookie, void **message, void **mask);
 int rtslib_request_ask(struct rtslib_cookie *cookie, void *request, rtslib_reply_func read, void **message,
                        void **mask);
+/* Whether there is a reply and its record is that of the type. A kernel that answers with another one, under the number
+ * that was waited for, must not have it read as what it is not. */
+enum { RTSLIB_TYPE_TABLE = 1, RTSLIB_TYPE_ROUTE = 2, RTSLIB_TYPE_NEXTHOP = 10, RTSLIB_TYPE_MATCH = 12 };
+bool rtslib_reply_is(const void *reply, uint8_t type);
 /* Which operations are answered, as bits by operation: gets alone, or changes with a get too. */
 enum {
     RTSLIB_ANSWERED_GETS = 1 << RTM_OP_GET | 1 << RTM_OP_GETNEXT,

@@ -87,7 +87,7 @@ int add_and_get(struct rtslib_cookie *cookie, struct rt_msg *route, uint16_t *in
         rtslib_err(cookie, RTSLIB_ERROR, " failed to get route add ack index\n");
         return result;
     }
-    if (reply != nullptr)
+    if (rtslib_reply_is(reply, RTSLIB_TYPE_ROUTE))
         *index = static_cast<const struct rt_msg *>(reply)->ack_index;
     rtslib_msg_idl_release(cookie, reply);
     return 0;

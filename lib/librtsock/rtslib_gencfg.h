@@ -145,8 +145,8 @@ int rtslib_gencfg_op_export(struct rtslib_cookie *cookie, gencfg_t *gencfg, uint
 /* For a decoded message that has just arrived as an event: decompresses its blob if its flags say so. 0, also for a
  * message that is left as it is. Otherwise *message is still the old one, its blob_len 0, and still the caller's. */
 int rtslib_gencfg_async(struct rtslib_cookie *cookie, void **message);
-/* Both are kept in the cookie for its life. Nothing happens if any argument is null. Both are called for nothing, too: a
- * blob that is not there may be null, and its length is 0. One that says 0 and more octets than it had room for has
+/* Both are kept in the cookie for its life. Nothing happens if any argument is null. Both are also called for a blob
+ * that is not there: its pointer may be null, its length is 0. One that says 0 and more octets than it had room for has
  * failed with 22. */
 void rtslib_init_blob_compression(struct rtslib_cookie *cookie, rtslib_compress_func compress,
                                   rtslib_compress_func decompress);

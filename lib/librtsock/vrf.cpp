@@ -3,6 +3,7 @@
  * carries the answer.
  */
 #include "lib/librtsock/vrf.h"
+#include "lib/librtsock/request.h"
 #include "lib/librtsock/rtslib_table.h"
 #include "lib/librtsock/socket_option.h"
 #include "platform/target.h"
@@ -49,8 +50,9 @@ struct rtb_msg *ask(const char *instance, const char *logical_system, int family
     errno = saved;
     if (*cookie == nullptr)
         return nullptr;
-    if (error == 0 && message != nullptr)
+    if (error == 0 && rtslib_reply_is(message, RTSLIB_TYPE_TABLE))
         return static_cast<struct rtb_msg *>(message);
+    rtslib_msg_idl_release(*cookie, message);
     rtslib_close(*cookie);
     errno = error > 0 ? target_errno_to_host(error) : EIO;
     return nullptr;

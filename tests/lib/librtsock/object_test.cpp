@@ -225,6 +225,34 @@ TEST_F(LibTest, WalksOverNextHops)
     rtslib_close(cookie);
 }
 
+// A kernel that answers with the record of another type does not have it read as the one that was asked for.
+TEST_F(LibTest, AnswersOfAnotherType)
+{
+    rtslib_cookie *cookie = open();
+    uint16_t given = 7;
+    uint32_t index = 7;
+    const uint8_t entry = 1;
+    auto answer = [](octets reply) { kernel.replies = { { std::move(reply) } }; };
+    answer(table_reply(5));
+    EXPECT_EQ(rtslib_rtm_add(cookie, 5, 2, 1, 0, 0, 0, 0, 0, 0, 4, 0, 0, prefix, 32, nullptr, &given), 0);
+    answer(table_reply(5));
+    EXPECT_EQ(rtslib_rnhm_iflnh_add(cookie, 1, 2, 0, 1, &entry, &index, 0), 0);
+    EXPECT_TRUE(given == 7 && index == 7) << given << " " << index;
+    answer(table_reply(5));
+    EXPECT_EQ(rtslib_rnhm_service_get_by_index(cookie, 0, 2, 5, &message, &mask), TARGET_EIO);
+    EXPECT_TRUE(message == nullptr && mask == nullptr);
+    answer(table_reply(5));
+    EXPECT_EQ(rtslib_rtmatch_fwding_nh_ifindex(cookie, 5, 2, 0, prefix, 32, &message, nullptr), -1);
+    rtslib_msg_idl_release(cookie, message);
+    kernel.replies = { { match_reply(4) }, { table_reply(5) } };
+    EXPECT_EQ(rtslib_rtmatch_fwding_nh_ifindex(cookie, 5, 2, 0, prefix, 32, &message, nullptr), -1);
+    rtslib_msg_idl_release(cookie, message);
+    rtslib_close(cookie);
+    answer(nexthop_reply(3, 2));
+    EXPECT_EQ(vrf_getindexbyvrfname("blue", nullptr, 2), -1);
+    EXPECT_EQ(errno, EIO);
+}
+
 octets stats_reply(uint8_t marker, uint32_t seq)
 {
     octets out(sizeof(rtstats_raw) + 4 + 13 * 4, 0);
