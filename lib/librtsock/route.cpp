@@ -9,6 +9,7 @@
 namespace {
 
 constexpr struct rtslib_request_form rt_form = { 2, 104, 240, sizeof(struct rt_msg) };
+// Kept on purpose: a length of 0 where other types say their header's.
 constexpr struct rtslib_request_form mgr_form = { 13, 99, 0, sizeof(struct mgr_msg) };
 
 enum {
@@ -87,10 +88,11 @@ int add_and_get(struct rtslib_cookie *cookie, struct rt_msg *route, uint16_t *in
         rtslib_err(cookie, RTSLIB_ERROR, " failed to get route add ack index\n");
         return result;
     }
-    if (rtslib_reply_is(reply, RTSLIB_TYPE_ROUTE))
+    bool good = rtslib_reply_is(reply, RTSLIB_TYPE_ROUTE);
+    if (good)
         *index = static_cast<const struct rt_msg *>(reply)->ack_index;
     rtslib_msg_idl_release(cookie, reply);
-    return 0;
+    return good ? 0 : int(TARGET_EIO);
 }
 
 /* The caller's message with a new number and that operation. */

@@ -28,7 +28,8 @@ int rtslib_rnhm_subunit_nhadd(struct rtslib_cookie *cookie, const uint32_t *ifid
                               void **mask);
 int rtslib_rnhm_subunit_nhdelete_by_index(struct rtslib_cookie *cookie, uint32_t index, uint8_t family);
 
-/* One entry only, of a value from 0 to 4 (4 is sent as 0), else 45. *index: of the new next hop. */
+/* One entry only, of a value from 0 to 4 (4 is sent as 0), else 45. *index: of the new next hop; 5 if the kernel
+ * answers with another kind of object, as of a walk. */
 int rtslib_rnhm_iflnh_add(struct rtslib_cookie *cookie, uint32_t ifidx, uint8_t family, uint16_t aux_half1,
                           uint32_t count, const uint8_t *entries, uint32_t *index, uint32_t aux_word);
 int rtslib_rnhm_iflnh_delete_by_index(struct rtslib_cookie *cookie, uint32_t index, uint8_t family);

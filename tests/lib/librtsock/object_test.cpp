@@ -98,6 +98,14 @@ octets nexthop_reply(uint32_t idx, uint8_t nh, uint32_t infotype = 0, uint32_t i
     return wire(&hop, 10);
 }
 
+octets route_reply(uint16_t ack_index)
+{
+    rt_msg route = {};
+    route.rts_hdr.rtsh_type = 2;
+    route.ack_index = ack_index;
+    return wire(&route, 2);
+}
+
 octets match_reply(uint32_t nhidx)
 {
     rtm_msg match = {};
@@ -172,7 +180,7 @@ TEST_F(LibTest, ObjectRequests)
         SCOPED_TRACE(row.sent);
         size_t before = kernel.written.size();
         message = mask = nullptr;
-        kernel.replies = { { nexthop_reply(3, 2) } };
+        kernel.replies = { { row.sent.rfind("2.", 0) == 0 ? route_reply(9) : nexthop_reply(3, 2) } };
         if (!row.replies) kernel.replies.clear();
         EXPECT_EQ(row.run(cookie), row.result);
         EXPECT_EQ(kernel.written.size(), before + (row.result == 0 ? 1 : 0));
@@ -186,7 +194,7 @@ TEST_F(LibTest, ObjectRequests)
         EXPECT_EQ(blocks, before_failure);
         EXPECT_EQ(row.run(nullptr), TARGET_EINVAL);
     }
-    EXPECT_EQ(index_out, 3U);
+    EXPECT_TRUE(index_out == 3 && ack == 9);
     rtslib_close(cookie);
 }
 
@@ -234,15 +242,19 @@ TEST_F(LibTest, AnswersOfAnotherType)
     const uint8_t entry = 1;
     auto answer = [](octets reply) { kernel.replies = { { std::move(reply) } }; };
     answer(table_reply(5));
-    EXPECT_EQ(rtslib_rtm_add(cookie, 5, 2, 1, 0, 0, 0, 0, 0, 0, 4, 0, 0, prefix, 32, nullptr, &given), 0);
+    EXPECT_EQ(rtslib_rtm_add(cookie, 5, 2, 1, 0, 0, 0, 0, 0, 0, 4, 0, 0, prefix, 32, nullptr, &given), TARGET_EIO);
     answer(table_reply(5));
-    EXPECT_EQ(rtslib_rnhm_iflnh_add(cookie, 1, 2, 0, 1, &entry, &index, 0), 0);
+    EXPECT_EQ(rtslib_rnhm_iflnh_add(cookie, 1, 2, 0, 1, &entry, &index, 0), TARGET_EIO);
     EXPECT_TRUE(given == 7 && index == 7) << given << " " << index;
     answer(table_reply(5));
     EXPECT_EQ(rtslib_rnhm_service_get_by_index(cookie, 0, 2, 5, &message, &mask), TARGET_EIO);
     EXPECT_TRUE(message == nullptr && mask == nullptr);
     answer(table_reply(5));
     EXPECT_EQ(rtslib_rtmatch_fwding_nh_ifindex(cookie, 5, 2, 0, prefix, 32, &message, nullptr), -1);
+    rtslib_msg_idl_release(cookie, message);
+    answer(table_reply(5));
+    ASSERT_EQ(rtslib_rnhm_get_by_index(cookie, 4, 2, 4, &message, nullptr), 0);
+    EXPECT_EQ(rtslib_rnhsm_get_by_nexthop(cookie, 2, 4, message, &mask, nullptr), 22);
     rtslib_msg_idl_release(cookie, message);
     kernel.replies = { { match_reply(4) }, { table_reply(5) } };
     EXPECT_EQ(rtslib_rtmatch_fwding_nh_ifindex(cookie, 5, 2, 0, prefix, 32, &message, nullptr), -1);
