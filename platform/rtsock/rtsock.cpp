@@ -83,11 +83,8 @@ int set_size(struct rtsock *s, int option, const void *value, socklen_t length)
         return setsockopt(s->end, SOL_SOCKET, option, value, length);
     int32_t given;
     memcpy(&given, value, sizeof given);
-    // Datagrams to the client are charged to the kernel's end. The host may cap both for those without privileges; that
-    // is no error of the caller's.
-    int charged = option == SO_SNDBUF ? s->end : s->peer;
-    if (setsockopt(charged, SOL_SOCKET, SO_SNDBUFFORCE, &given, sizeof given) < 0)
-        (void)setsockopt(charged, SOL_SOCKET, SO_SNDBUF, &given, sizeof given);
+    // Datagrams to the client are charged to the kernel's end. The host may cap both; that is no error of the caller's.
+    (void)setsockopt(option == SO_SNDBUF ? s->end : s->peer, SOL_SOCKET, SO_SNDBUF, &given, sizeof given);
     *size = given;
     return 0;
 }
